@@ -55,6 +55,8 @@ TR_SEMAPHORE *TR_creer_semaphore_mutex(void) {
 }
 
 int TR_detruire_semaphore(TR_SEMAPHORE *s) {
+  if (s == nullptr)
+    return fail_with(EINVAL);
   int result = 0;
   if (s->kind == kKindMutex) {
     const int rc = pthread_mutex_destroy(&s->u.mutex);
@@ -83,12 +85,16 @@ static int take_lock(TR_SEMAPHORE *s, bool blocking) {
 }
 
 int TR_tester_semaphore(TR_SEMAPHORE *s) {
+  if (s == nullptr)
+    return fail_with(EINVAL);
   if (s->kind == kKindMutex)
     return take_lock(s, false);
   return sem_trywait(&s->u.semaphore);
 }
 
 int TR_attendre_semaphore(TR_SEMAPHORE *s) {
+  if (s == nullptr)
+    return fail_with(EINVAL);
   if (s->kind == kKindMutex)
     return take_lock(s, true);
   return sem_wait(&s->u.semaphore);
@@ -100,6 +106,8 @@ int TR_attendre_semaphore_avec_timeout(TR_SEMAPHORE *s, int64_t timeout) {
 }
 
 int TR_poster_semaphore(TR_SEMAPHORE *s) {
+  if (s == nullptr)
+    return fail_with(EINVAL);
   if (s->kind != kKindMutex)
     return sem_post(&s->u.semaphore);
   if (s->depth < 1)
@@ -158,6 +166,8 @@ TR_TACHE *TR_creer_tache(const char *name, int priority_offset, uint64_t stack_s
 }
 
 int TR_detruire_tache(TR_TACHE *t) {
+  if (t == nullptr)
+    return fail_with(EINVAL);
   const int rc = pthread_cancel(t->thread);
   pthread_attr_destroy(&t->attr);
   std::free(t);
@@ -167,6 +177,10 @@ int TR_detruire_tache(TR_TACHE *t) {
 }
 
 TR_TACHE *TR_redemarrer_tache(TR_TACHE *t) {
+  if (t == nullptr) {
+    errno = EINVAL;
+    return nullptr;
+  }
   int rc = pthread_cancel(t->thread);
   if (rc != 0) {
     errno = rc;

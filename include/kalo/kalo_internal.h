@@ -1,0 +1,71 @@
+/* Calls exported for the library's own use and for tools that speak the
+ * controller protocol: the frame codec, protocol sessions and the UDP
+ * transport. Applications normally use kalo.h instead. */
+#ifndef KALO_INTERNAL_H
+#define KALO_INTERNAL_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+#include <sys/select.h>
+#include <sys/time.h>
+
+#include "kalo_export.h"
+
+KALO_BEGIN_DECLS
+
+/* ---- Frame codec ---------------------------------------------------------- */
+
+/* One record type for both directions; its layout is internal to the library. */
+typedef struct ExchangeRecord ExchangeRecord;
+
+/* mode 1 encodes every marked field of the record into buffer (at most size
+ * bytes) in descending identifier order; mode 0 decodes size bytes of buffer
+ * into the record and marks the fields it carried. Returns the bytes produced
+ * or consumed, or 0xFFFFFFFF on a bad identifier, a malformed value or (when
+ * encoding) a frame that does not fit. */
+KALO_API uint32_t encode_decode(int mode, ExchangeRecord *record, unsigned char *buffer,
+                                uint32_t size);
+
+/* ---- Protocol sessions ---------------------------------------------------- */
+
+/* Transport entry points stored in a session. */
+typedef int (*kalo_read_fn)(int descriptor, void *bytes, int capacity, struct sockaddr_in *peer);
+typedef int (*kalo_write_fn)(int descriptor, const void *bytes, int count,
+                             struct sockaddr_in *peer);
+typedef int (*kalo_close_fn)(int descriptor, struct sockaddr_in *peer, void *table);
+
+/* Registers a transport descriptor as a session (the descriptor is the handle).
+ * -1 with EMFILE for a negative descriptor or one of 64 or more. */
+KALO_API int open_protocol(uint32_t type, int descriptor, kalo_read_fn read_fn,
+                           kalo_write_fn write_fn, kalo_close_fn close_fn,
+                           struct sockaddr_in *peer);
+/* Receives one datagram, checks its envelope and copies at most capacity payload
+ * bytes. Returns the datagram size minus 6, or -1 (EBADF, EFAULT, EPROTO). */
+KALO_API int read_protocol(int handle, void *bytes, int capacity);
+/* Wraps count bytes in the envelope and sends them; returns count or -1
+ * (EBADF, EFAULT, EMSGSIZE above 1440 bytes, EPROTO on a short send). */
+KALO_API int write_protocol(int handle, const void *bytes, int count);
+/* Closes the transport and frees the session's buffers; -1 with EBADF. */
+KALO_API int close_protocol(int handle);
+/* The system's select, passed through. */
+KALO_API int select_protocol(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
+                             struct timeval *timeout);
+/* Kept as an entry point; prints nothing. */
+KALO_API void print_trame(void);
+
+/* ---- UDP transport -------------------------------------------------------- */
+
+/* Opens a UDP session to host (name or dotted address) on remote_port (5000
+ * when 0), bound to local_port or, when 0, to the first free port of 3131..3140.
+ * Returns the session handle or -1. */
+KALO_API int open_protocol_udp(const char *host, int local_port, int remote_port);
+/* One recvfrom; the sender is not compared with the peer. */
+KALO_API int read_udp(int descriptor, void *bytes, int capacity, struct sockaddr_in *peer);
+/* One sendto to the peer; returns count, 0 or -1. */
+KALO_API int write_udp(int descriptor, const void *bytes, int count, struct sockaddr_in *peer);
+/* Closes the socket and frees the peer address. */
+KALO_API int close_udp(int descriptor, struct sockaddr_in *peer, void *table);
+
+KALO_END_DECLS
+
+#endif

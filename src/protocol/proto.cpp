@@ -1,0 +1,144 @@
+// Protocol sessions: a process-wide table of transports, indexed by their
+// descriptor, that wraps every frame in the envelope
+//   0xC3 '<' | length (LE 16) | payload | checksum (LE 16)
+// where the checksum makes the 16-bit sum of the whole datagram zero.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "kalo/kalo_internal.h"
+#include "protocol/exchange_record.h"
+#include "protocol/proto_session.h"
+
+namespace {
+
+ProtoSession proto_sessions[kalo::kSessionCount];
+int flag_init_proto_session = 0;
+
+void prepare_table() {
+  if (flag_init_proto_session != 0)
+    return;
+  for (auto &s : proto_sessions) {
+    s = ProtoSession{};
+    s.fd = -1;
+  }
+  flag_init_proto_session = 1;
+}
+
+// The slot of an open handle, or null with EBADF.
+ProtoSession *session_of(int handle) {
+  prepare_table();
+  if (handle < 0 || handle >= kalo::kSessionCount || proto_sessions[handle].fd == -1) {
+    errno = EBADF;
+    return nullptr;
+  }
+  return &proto_sessions[handle];
+}
+
+void free_buffers(ProtoSession &s) {
+  std::free(s.tx_buffer);
+  std::free(s.rx_buffer);
+  s.tx_buffer = nullptr;
+  s.rx_buffer = nullptr;
+}
+
+} // namespace
+
+
+extern "C" {
+
+int open_protocol(uint32_t type, int descriptor, kalo_read_fn read_fn, kalo_write_fn write_fn,
+                  kalo_close_fn close_fn, struct sockaddr_in *peer) {
+  prepare_table();
+  if (descriptor < 0 || descriptor >= kalo::kSessionCount) {
+    errno = EMFILE;
+    return -1;
+  }
+  ProtoSession &s = proto_sessions[descriptor];
+  free_buffers(s); // a slot reused without a close must not leak its buffers
+  s.type = type;
+  s.fd = descriptor;
+  s.read_fn = read_fn;
+  s.write_fn = write_fn;
+  s.close_fn = close_fn;
+  s.peer = peer;
+  s.tx_buffer = static_cast<unsigned char *>(std::malloc(kalo::kSessionBufferSize));
+  s.rx_buffer = static_cast<unsigned char *>(std::malloc(kalo::kSessionBufferSize));
+  if (s.tx_buffer == nullptr || s.rx_buffer == nullptr) {
+    free_buffers(s);
+    s.type = 0;
+    s.fd = -1;
+    errno = ENOMEM;
+    return -1;
+  }
+  return descriptor;
+}
+
+int write_protocol(int handle, const void *bytes, int count) {
+  ProtoSession *s = session_of(handle);
+  if (s == nullptr)
+    return -1;
+  if (bytes == nullptr || s->tx_buffer == nullptr) {
+    errno = EFAULT;
+    return -1;
+  }
+  if (count < 0 || static_cast<uint32_t>(count) > kalo::kFrameCapacity) {
+    errno = EMSGSIZE;
+    return -1;
+  }
+  const auto total = static_cast<int>(kalo::envelope_wrap(bytes, static_cast<std::size_t>(count), s->tx_buffer));
+  if (s->write_fn(s->fd, s->tx_buffer, total, s->peer) != total) {
+    errno = EPROTO;
+    return -1;
+  }
+  return count;
+}
+
+int read_protocol(int handle, void *bytes, int capacity) {
+  ProtoSession *s = session_of(handle);
+  if (s == nullptr)
+    return -1;
+  if (bytes == nullptr || s->rx_buffer == nullptr || capacity < 0) {
+    errno = EFAULT;
+    return -1;
+  }
+  int room = capacity + static_cast<int>(kalo::kEnvelopeOverhead);
+  if (room > static_cast<int>(kalo::kSessionBufferSize))
+    room = static_cast<int>(kalo::kSessionBufferSize);
+  const int received = s->read_fn(s->fd, s->rx_buffer, room, s->peer);
+  if (received <= 5)
+    return -1;
+  const int length = kalo::envelope_check(s->rx_buffer, static_cast<std::size_t>(received));
+  if (length < 0) {
+    errno = EPROTO;
+    return -1;
+  }
+  std::memcpy(bytes, s->rx_buffer + 4, static_cast<std::size_t>(length < capacity ? length : capacity));
+  return received - static_cast<int>(kalo::kEnvelopeOverhead);
+}
+
+int close_protocol(int handle) {
+  ProtoSession *s = session_of(handle);
+  if (s == nullptr)
+    return -1;
+  // A slot keeps its descriptor after a close. Closing it again reports success
+  // without closing the descriptor a second time: by then the number may belong
+  // to another socket or file of the application.
+  if (s->type == 0)
+    return 0;
+  if (s->close_fn != nullptr)
+    s->close_fn(s->fd, s->peer, proto_sessions);
+  s->peer = nullptr; // released by the transport's close
+  free_buffers(*s);
+  s->type = 0;
+  return 0;
+}
+
+int select_protocol(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
+                    struct timeval *timeout) {
+  return select(nfds, readfds, writefds, exceptfds, timeout);
+}
+
+void print_trame(void) {}
+
+} // extern "C"
