@@ -69,10 +69,15 @@ int TR_detruire_semaphore(TR_SEMAPHORE *s) {
   return result;
 }
 
-// Shared by the blocking and non-blocking takes of a lock. The owner test reads
-// `owner` without the mutex: only the holder can find its own identifier there.
+// `owner` is read outside the mutex by the recursive-entry test; relaxed atomic
+// accesses keep that read well-defined. Only the holder can find its own
+// identifier there, so no stronger ordering is needed.
+static pthread_t load_owner(const TR_SEMAPHORE *s) { return __atomic_load_n(&s->owner, __ATOMIC_RELAXED); }
+static void store_owner(TR_SEMAPHORE *s, pthread_t t) { __atomic_store_n(&s->owner, t, __ATOMIC_RELAXED); }
+
+// Shared by the blocking and non-blocking takes of a lock.
 static int take_lock(TR_SEMAPHORE *s, bool blocking) {
-  if (s->owner == pthread_self()) {
+  if (load_owner(s) == pthread_self()) {
     s->depth++;
     return 0;
   }
@@ -80,7 +85,7 @@ static int take_lock(TR_SEMAPHORE *s, bool blocking) {
   if (rc != 0)
     return fail_with(rc);
   s->depth++;
-  s->owner = pthread_self();
+  store_owner(s, pthread_self());
   return 0;
 }
 
@@ -115,7 +120,7 @@ int TR_poster_semaphore(TR_SEMAPHORE *s) {
   s->depth--;
   if (s->depth > 0)
     return 0;
-  s->owner = 0;
+  store_owner(s, 0);
   const int rc = pthread_mutex_unlock(&s->u.mutex);
   if (rc != 0)
     return fail_with(rc);
