@@ -1,0 +1,124 @@
+// The frame that every device call follows: version gate where one applies,
+// handle check (code 3 in kaloGlobalError), connection check (code 2), then
+// the work under the context's lock. A failing check stores its code and the
+// call returns -1.
+#pragma once
+
+#include "device/context.h"
+#include "kalo/kalo.h"
+
+namespace kalo {
+
+// True when the handle points at a live context.
+inline bool is_live(const KaloContext *ctx) { return ctx != nullptr && ctx->magic == kContextMagic; }
+
+// The controller-version gate: the single-precision version, widened, must be
+// above the call's minimum. A null handle is left to the handle check.
+inline bool version_refused(const KaloContext *ctx, double minimum) {
+  return ctx != nullptr && !(static_cast<double>(ctx->controller_version) > minimum);
+}
+
+// Holds the context's recursive lock for a scope.
+class ContextLock {
+public:
+  explicit ContextLock(KaloContext *ctx) : lock_(ctx->lock) { TR_attendre_semaphore(lock_); }
+  ~ContextLock() { TR_poster_semaphore(lock_); }
+  ContextLock(const ContextLock &) = delete;
+  ContextLock &operator=(const ContextLock &) = delete;
+
+private:
+  TR_SEMAPHORE *lock_;
+};
+
+// Handle and connection checks; false when the call must return -1.
+inline bool enter(KaloContext *ctx) {
+  if (!is_live(ctx)) {
+    kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return false;
+  }
+  if (ctx->connected.load() == 0) {
+    ctx->error_code = KALO_ERROR_COMMUNICATION;
+    return false;
+  }
+  return true;
+}
+
+// Runs work(ctx) under the lock after the checks. work returns 0 on success or
+// an error code, which is stored in the context (the call then returns -1).
+template <class Work> int locked_call(KaloContext *ctx, Work &&work) {
+  if (!enter(ctx))
+    return -1;
+  int code;
+  {
+    ContextLock hold(ctx);
+    code = work(*ctx);
+  }
+  if (code != 0) {
+    ctx->error_code = static_cast<uint32_t>(code);
+    return -1;
+  }
+  return 0;
+}
+
+// The same behind a controller-version gate: a controller at or below the
+// minimum gets the bare 20, with nothing touched.
+template <class Work> int gated_call(KaloContext *ctx, double minimum, Work &&work) {
+  if (version_refused(ctx, minimum))
+    return KALO_ERROR_INCOMPATIBLE_VERSION;
+  return locked_call(ctx, static_cast<Work &&>(work));
+}
+
+} // namespace kalo
+
+#include <cerrno>
+#include <ctime>
+
+namespace kalo {
+
+// How long a query waits for the controller's reply before reporting code 6.
+// The controller answers within a few frames; a silent one must not hang the
+// application's thread forever.
+constexpr int kReplyTimeoutMs = 2000;
+
+// Waits for a posted reply; false on time-out.
+inline bool wait_reply(KaloContext *ctx) {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += kReplyTimeoutMs / 1000;
+  deadline.tv_nsec += static_cast<long>(kReplyTimeoutMs % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec++;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  for (;;) {
+    if (sem_timedwait(&ctx->reply_sem->u.semaphore, &deadline) == 0)
+      return true;
+    if (errno != EINTR)
+      return false;
+  }
+}
+
+// The query frame: asks the controller for a field it sends only on demand
+// (item 20 carrying the wanted identifier), waits for the reply outside the
+// lock, then copies it from the state record under the lock.
+template <class Copy> int query_call(KaloContext *ctx, int wanted, Copy &&copy) {
+  if (!enter(ctx))
+    return -1;
+  {
+    ContextLock hold(ctx);
+    // A reply that arrived after an earlier query gave up must not answer this one.
+    while (sem_trywait(&ctx->reply_sem->u.semaphore) == 0) {
+    }
+    ctx->command_record.request = static_cast<int16_t>(wanted);
+    post_field(ctx->command_record, 20);
+  }
+  if (!wait_reply(ctx)) {
+    ctx->error_code = KALO_ERROR_TIMEOUT;
+    return -1;
+  }
+  ContextLock hold(ctx);
+  copy(*ctx);
+  return 0;
+}
+
+} // namespace kalo
