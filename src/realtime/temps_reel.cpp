@@ -133,6 +133,12 @@ TR_TACHE *TR_creer_tache(const char *name, int priority_offset, uint64_t stack_s
   const long minimum = sysconf(_SC_THREAD_STACK_MIN);
   if (minimum > 0 && stack_size < static_cast<uint64_t>(minimum))
     stack_size = static_cast<uint64_t>(minimum);
+#ifdef KALO_SANITIZER_BUILD
+  // Sanitizer runtimes need far deeper stacks than the library's own frames.
+  constexpr uint64_t kSanitizerStack = 4u << 20;
+  if (stack_size < kSanitizerStack)
+    stack_size = kSanitizerStack;
+#endif
 
   auto *t = static_cast<TR_TACHE *>(std::calloc(1, sizeof(TR_TACHE)));
   if (t == nullptr)
