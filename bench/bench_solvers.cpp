@@ -44,7 +44,8 @@ MATD *to_matd(const Eigen::MatrixXd &a) {
 void BM_Svd_kalo(benchmark::State &state) {
   const auto n = static_cast<Eigen::Index>(state.range(0));
   MATD *src = to_matd(random_matrix(n, n, 1));
-  MATD *a = MATD_creer(n, n), *w = MATD_creer(n, 1), *v = MATD_creer(n, n), *work = MATD_creer(n, 1);
+  MATD *a = MATD_creer(n, n), *w = MATD_creer(n, 1), *v = MATD_creer(n, n),
+       *work = MATD_creer(n, 1);
   for (auto _ : state) {
     std::copy(src->donnees, src->donnees + n * n, a->donnees);
     benchmark::DoNotOptimize(MATD_svdcmp(a, w, v, work));

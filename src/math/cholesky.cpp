@@ -10,7 +10,9 @@
 
 namespace {
 
-inline double &at(MATD *a, uint64_t i, uint64_t j) { return a->donnees[i * a->nb_colonnes + j]; }
+inline double &at(MATD *a, uint64_t i, uint64_t j) {
+  return a->donnees[i * a->nb_colonnes + j];
+}
 
 } // namespace
 

@@ -13,7 +13,9 @@ namespace {
 // direction).
 constexpr double kTolerance = 1e-15;
 
-inline double &at(MATD *a, uint64_t i, uint64_t j) { return a->donnees[i * a->nb_colonnes + j]; }
+inline double &at(MATD *a, uint64_t i, uint64_t j) {
+  return a->donnees[i * a->nb_colonnes + j];
+}
 
 } // namespace
 

@@ -21,13 +21,19 @@ struct Mat {
   double &operator()(uint64_t i, uint64_t j) const { return e[i * stride + j]; }
 };
 
-inline double hypotenuse(double a, double b) { return std::sqrt(a * a + b * b); }
+inline double hypotenuse(double a, double b) {
+  return std::sqrt(a * a + b * b);
+}
 
 // |a| carrying the sign of b (b == 0 counts as positive).
-inline double with_sign_of(double a, double b) { return b >= 0.0 ? std::fabs(a) : -std::fabs(a); }
+inline double with_sign_of(double a, double b) {
+  return b >= 0.0 ? std::fabs(a) : -std::fabs(a);
+}
 
 // A value is negligible when adding it to the matrix norm changes nothing.
-inline bool negligible(double x, double norm) { return std::fabs(x) + norm == norm; }
+inline bool negligible(double x, double norm) {
+  return std::fabs(x) + norm == norm;
+}
 
 // Householder reduction to bidiagonal form: diagonal into w, superdiagonal
 // into rv1; the reflectors are left in A. Returns the norm estimate used by

@@ -19,7 +19,9 @@ using Matd = std::unique_ptr<MATD, MatdDeleter>;
 
 using RowMajor = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
 
-inline Matd make(uint64_t rows, uint64_t cols) { return Matd(MATD_creer(rows, cols)); }
+inline Matd make(uint64_t rows, uint64_t cols) {
+  return Matd(MATD_creer(rows, cols));
+}
 
 inline Matd make(const Eigen::MatrixXd &e) {
   Matd m = make(static_cast<uint64_t>(e.rows()), static_cast<uint64_t>(e.cols()));
@@ -32,7 +34,9 @@ inline Eigen::MatrixXd eigen(const MATD *m) {
                                     static_cast<Eigen::Index>(m->nb_colonnes));
 }
 
-inline double at(const MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
+inline double at(const MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
 
 // Entries uniform in [-1, 1].
 inline Eigen::MatrixXd random(std::mt19937_64 &rng, Eigen::Index rows, Eigen::Index cols) {

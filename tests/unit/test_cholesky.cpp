@@ -31,7 +31,9 @@ struct CholeskyDeleter {
 };
 using Cholesky = std::unique_ptr<MATD_CHOLESKY, CholeskyDeleter>;
 
-Cholesky make_cholesky(Eigen::Index n) { return Cholesky(MATD_init_cholesky(static_cast<int32_t>(n))); }
+Cholesky make_cholesky(Eigen::Index n) {
+  return Cholesky(MATD_init_cholesky(static_cast<int32_t>(n)));
+}
 
 Eigen::MatrixXd random_spd(std::mt19937_64 &rng, Eigen::Index n) {
   const Eigen::MatrixXd g = random(rng, n, n);
