@@ -9,6 +9,7 @@
 #include <sys/select.h>
 #include <sys/time.h>
 
+#include "kalo.h"
 #include "kalo_export.h"
 
 KALO_BEGIN_DECLS
@@ -65,6 +66,57 @@ KALO_API int read_udp(int descriptor, void *bytes, int capacity, struct sockaddr
 KALO_API int write_udp(int descriptor, const void *bytes, int count, struct sockaddr_in *peer);
 /* Closes the socket and frees the peer address. */
 KALO_API int close_udp(int descriptor, struct sockaddr_in *peer, void *table);
+
+/* ---- Local servo ---------------------------------------------------------
+ * Per-control-point coupling of the device to the application's virtual
+ * object. point is a control-point index below the context's servo point
+ * count (not checked). Poses are 7 floats (tx ty tz qx qy qz qw), speeds
+ * [vx vy vz wx wy wz], forces [fx fy fz mx my mz]. */
+
+/* Creates the servo records of every servo point. Returns 0. */
+KALO_API int32_t init_asserv(KaloContext *context);
+/* Starts the speed-factor smoothing filter at rest on the requested factor. Returns 0. */
+KALO_API int32_t init_filtres(KaloContext *context);
+/* Coupling gains of a point from the object's mass and inertia (9 floats,
+ * row-major) and the time step; printed when bit 0 of debug_flags is set. Returns 0. */
+KALO_API int32_t calcul_gains(KaloContext *context, const float *inertia, int32_t point, float mass);
+/* Copies the stiffness and damping diagonals out, translation first. Returns 0. */
+KALO_API int32_t lecture_gains(KaloContext *context, float *k, float *b, int32_t point);
+/* Copies the diagonals in, translation first. Returns 0. */
+KALO_API int32_t ecriture_gains(KaloContext *context, const float *k, const float *b, int32_t point);
+/* Releases everything init_asserv created. Returns 0. */
+KALO_API int32_t close_asserv(KaloContext *context);
+
+/* 1 when the pose's quaternion has unit norm within FLT_EPSILON, else 0. */
+KALO_API int32_t test_deplacement_valide(const float *pose);
+/* Device pose in (normalised), with its inverse. Returns 0. */
+KALO_API int32_t lecture_position(KaloContext *context, const float *pose, int32_t point);
+/* Object pose in (normalised), with its inverse and adjoints. Returns 0. */
+KALO_API int32_t ecriture_position(KaloContext *context, const float *pose, int32_t point);
+/* Device speed as the controller gives it, converted for the application. Returns 0. */
+KALO_API int32_t lecture_vitesse(KaloContext *context, const float *in, float *out, int32_t point);
+/* Object speed from the application, converted for the servo. Returns 0. */
+KALO_API int32_t ecriture_vitesse(KaloContext *context, const float *in, float *out, int32_t point);
+/* Application force converted for the device. Returns 0. */
+KALO_API int32_t ecriture_force(KaloContext *context, const float *in, float *out, int32_t point);
+/* Texture force converted for the device. Returns 0. */
+KALO_API int32_t ecriture_texture_force(KaloContext *context, const float *in, float *out,
+                                        int32_t point);
+/* 0 when object and device poses agree (0.002 in translation, 0.02 in rotation), else -1. */
+KALO_API int32_t erreur_position(KaloContext *context, int32_t point);
+/* The spring-damper coupling law; the wrench goes to the point's W_consigne. Returns 0. */
+KALO_API int32_t calcul_asserv(KaloContext *context, int32_t point);
+/* Copies the last coupling wrench out. Returns 0. */
+KALO_API int32_t copie_force(KaloContext *context, float *out, int32_t point);
+
+/* Kinetic-energy thresholds of point 0 from the object and the maximum speeds. Returns 0. */
+KALO_API int32_t init_control_energie_cinetique(KaloContext *context);
+/* Makes both energy guards of point 0 restart their estimation. */
+KALO_API void deactive_control_ener_cine(KaloContext *context);
+/* Energy guard of a commanded pose: 0 accept, -1 refuse. */
+KALO_API int32_t control_ener_cine_position(KaloContext *context, const float *pose, int32_t point);
+/* Energy guard of a commanded speed: 0 accept, -1 refuse. */
+KALO_API int32_t control_ener_cine_vitesse(KaloContext *context, const float *speed, int32_t point);
 
 KALO_END_DECLS
 
