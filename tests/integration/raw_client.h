@@ -51,7 +51,8 @@ struct RxFrame {
 
 class RawClient {
 public:
-  explicit RawClient(uint16_t sim_port) {
+  // keep_frames false: only count (and time) the frames, for long runs.
+  explicit RawClient(uint16_t sim_port, bool keep_frames = true) : keep_(keep_frames) {
     fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
     const int buffer = 4 << 20;
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
@@ -108,6 +109,15 @@ public:
     send({20}, [id](ExchangeRecord &r) { r.request = static_cast<int16_t>(id); });
   }
 
+  // Frames received in all, and the receive times of the first and the last.
+  uint64_t total() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return total_;
+  }
+  std::pair<int64_t, int64_t> span_ns() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return {first_ns_, last_ns_};
+  }
   std::size_t count() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return frames_.size();
@@ -174,6 +184,12 @@ private:
           f.traj_index = r.list_index - 1; // decoding moved past the sample
       }
       std::lock_guard<std::mutex> lock(mutex_);
+      total_++;
+      if (first_ns_ == 0)
+        first_ns_ = f.t_ns;
+      last_ns_ = f.t_ns;
+      if (!keep_)
+        continue;
       const std::size_t index = frames_.size();
       frames_.push_back(f);
       for (int id = 1; id <= kalo::kFieldCount; ++id)
@@ -189,6 +205,9 @@ private:
     return id == 1 || id == 14 || id == 15 || id == 21 || id == 22 || id == 39 || id == 51 || id == 54;
   }
 
+  bool keep_ = true;
+  uint64_t total_ = 0;
+  int64_t first_ns_ = 0, last_ns_ = 0;
   int fd_ = -1;
   sockaddr_in peer_{};
   std::unique_ptr<ExchangeRecord> state_, cmd_;

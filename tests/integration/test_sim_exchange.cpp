@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <set>
 
+#include "alloc_counter.h"
 #include "raw_client.h"
 #include "simulator.h"
 
@@ -430,6 +431,48 @@ TEST(SimExchange, TraceHoldsEveryFrameInAndOut) {
   EXPECT_TRUE(counts_first);
   EXPECT_EQ(malformed, 1);
   EXPECT_EQ(answer, 1);
+}
+
+} // namespace
+
+namespace {
+
+// Once streaming, the frame loop allocates nothing, trace included, when it is
+// not asked to keep the frames it receives.
+TEST(SimExchange, FrameLoopAllocatesNothingOnceStreaming) {
+  KALO_REQUIRE_ALLOC_COUNTING();
+  char path[] = "/tmp/kalo-sim-alloc-XXXXXX";
+  const int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  ::close(fd);
+  Config cfg = loopback(100us);
+  cfg.record_received = false;
+  cfg.trace_file = path;
+  Simulator sim(cfg);
+  ASSERT_TRUE(sim.start());
+  RawClient client(sim.port(), false);
+  client.hello();
+  client.send({24, 25}, [](ExchangeRecord &x) {
+    x.command_type = 4;
+    x.power_on = 1;
+  });
+  std::this_thread::sleep_for(100ms); // first frames, buffers, trace file
+  uint64_t before = 0;
+  std::size_t allocations = 0;
+  {
+    kalo_test::AllocCounter counter;
+    before = client.total();
+    for (int i = 0; i < 20; ++i) {
+      client.request(38 + (i % 2) * 50);
+      client.send({16}, [i](ExchangeRecord &x) { x.force[0] = 0.1f * static_cast<float>(i % 3); });
+      std::this_thread::sleep_for(10ms);
+    }
+    allocations = counter.count();
+  }
+  EXPECT_GT(client.total() - before, 1000u);
+  EXPECT_EQ(allocations, 0u);
+  sim.stop();
+  std::remove(path);
 }
 
 } // namespace
