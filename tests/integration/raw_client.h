@@ -150,6 +150,19 @@ public:
     });
     return out;
   }
+  // Waits until nothing has arrived for 30 ms (at most about 1 s), so that
+  // frames still in flight or queued in the socket are counted; returns the count.
+  std::size_t settle() {
+    std::size_t n = count();
+    for (int i = 0; i < 33; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+      const std::size_t m = count();
+      if (m == n)
+        break;
+      n = m;
+    }
+    return n;
+  }
   bool wait_count(std::size_t n, std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
     return cv_.wait_for(lock, timeout, [&] { return frames_.size() >= n; });

