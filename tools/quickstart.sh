@@ -1,8 +1,36 @@
 #!/usr/bin/env bash
-# Builds kalo and, once they exist, starts the simulator on loopback and runs
-# the coupling example against it.
+# Builds kalo, starts the controller simulator on loopback and runs an example
+# against it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j2
 echo "built $(ls build/libkalo.so*  | head -n 1)"
+
+# The simulator stands in for the arm's controller: 1 kHz state frames, a
+# scripted hand moving the handle in a circle so that there is motion to see.
+port="${KALO_SIM_PORT:-5000}"
+build/sim/kalo-sim --port "$port" --hand circle &
+sim_pid=$!
+stop_sim() {
+  if kill -0 "$sim_pid" 2>/dev/null; then
+    kill -INT "$sim_pid"
+    wait "$sim_pid"
+  fi
+}
+trap stop_sim EXIT
+sleep 0.3
+if ! kill -0 "$sim_pid" 2>/dev/null; then
+  echo "kalo-sim did not start (is port $port taken? set KALO_SIM_PORT)" >&2
+  exit 1
+fi
+
+# ---- the example against the simulator ----
+# Once kaloOpen can connect, run the example here, e.g.:
+#   build/examples/<example> "udpxdr://127.0.0.1#$port"
+echo "kalo-sim serves on 127.0.0.1:$port (examples connect with udpxdr://127.0.0.1#$port)"
+sleep 1
+# ---- end of the example ----
+stop_sim
+trap - EXIT
+echo "kalo-sim stopped cleanly"
