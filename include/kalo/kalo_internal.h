@@ -9,6 +9,7 @@
 #include <sys/select.h>
 #include <sys/time.h>
 
+#include "kalo.h"
 #include "kalo_export.h"
 
 KALO_BEGIN_DECLS
@@ -65,6 +66,39 @@ KALO_API int read_udp(int descriptor, void *bytes, int capacity, struct sockaddr
 KALO_API int write_udp(int descriptor, const void *bytes, int count, struct sockaddr_in *peer);
 /* Closes the socket and frees the peer address. */
 KALO_API int close_udp(int descriptor, struct sockaddr_in *peer, void *table);
+
+/* ---- Connection core ------------------------------------------------------ */
+
+/* Monotonic clock in microseconds (the argument is not used). */
+KALO_API uint64_t getTime(KaloContext *context);
+/* Entry of the exchange thread "SYNC" started by kaloOpen: receives state
+ * frames and answers with the command fields that changed. */
+KALO_API void *_backendThread(void *context);
+/* Entry of an optional watchdog thread: clears the connection flag when no
+ * state frame arrived for one watchdog period. The library does not start it. */
+KALO_API void *_watchdogCtlThread(void *context);
+/* Entry of the periodic loop thread "LOOP" started by kaloStartLoop. */
+KALO_API void *_kaloLoop(void *context);
+/* Version handshake: asks the controller's version and, for controllers of
+ * major version 3 or more, sends ours (item 78). 0, or -1. */
+KALO_API int32_t sendAPIVersion(KaloContext *context);
+/* Asks the controller for its maximum linear and angular speeds (item 56). */
+KALO_API int32_t getMaxSpeed(KaloContext *context);
+/* Button edge check run by the exchange thread when the buttons field arrives. */
+KALO_API int32_t CheckPressButton(KaloContext *context);
+
+/* ---- Servo set-up and teardown -------------------------------------------- */
+
+/* Creates the servo state of every control point. */
+KALO_API int32_t init_asserv(KaloContext *context);
+/* Creates the speed-factor filter and enables its per-frame step. */
+KALO_API int32_t init_filtres(KaloContext *context);
+/* Releases what init_asserv created. */
+KALO_API int32_t close_asserv(KaloContext *context);
+/* Sets the kinetic-energy thresholds from the maximum speeds. */
+KALO_API int32_t init_control_energie_cinetique(KaloContext *context);
+/* Makes both kinetic-energy guards restart their estimation. */
+KALO_API void deactive_control_ener_cine(KaloContext *context);
 
 KALO_END_DECLS
 

@@ -12,6 +12,11 @@
 #include "kalo/kalo.h"
 #include "kalo/kalo_math.h"
 #include "kalo/kalo_realtime.h"
+#if __has_include("kalo/kalo_deplacement.h")
+#include "kalo/kalo_deplacement.h"
+#include "kalo/kalo_quaternion.h"
+#define KALO_HAVE_POSES 1
+#endif
 #include "protocol/exchange_record.h"
 
 struct ServoPoint; // per-control-point servo state (device/servo_point.h)
@@ -90,6 +95,11 @@ struct KaloContext {
   MATD *object_inertia; // 3x3, diagonal 2 * mass * 0.3352 / 5
   MATD *work_matrix4;   // 4x4
   MATD *work_matrix3;   // 3x3
+#ifdef KALO_HAVE_POSES
+  VECT3 *work_vect3;
+  DEPL *work_depl;
+  QUAT *work_quat;
+#endif
 
   uint64_t frames_sent;
   uint64_t frames_received;
@@ -132,4 +142,16 @@ struct KaloContext {
   uint32_t vm_active;
   uint32_t vm_current_type;
   int32_t vm_default_mode_copy; // -1 at open
+
+  // ---- thread lifetimes. Threads are never cancelled: each one ends by itself
+  // and says so, and kaloClose waits for that before it frees anything.
+  TR_SEMAPHORE *backend_exited;  // posted once when the exchange thread ends
+  TR_SEMAPHORE *loop_exited;     // posted by a loop thread when it ends
+  TR_TACHE *loop_task_finishing; // a stopped loop whose thread has not been waited for yet
+  std::atomic<uint32_t> watchdog_started; // watchdog threads that entered / left
+  std::atomic<uint32_t> watchdog_ended;
+  // Threads blocked on button_sem / upper_bound_sem (kaloWaitPressButton,
+  // kaloVmWaitUpperBound keep them): a semaphore with a waiter is not destroyed.
+  std::atomic<uint32_t> button_waiters;
+  std::atomic<uint32_t> upper_bound_waiters;
 };
