@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 
 #include "kalo/kalo.h"
 #include "kalo/kalo_math.h"
@@ -154,4 +155,6 @@ struct KaloContext {
   // kaloVmWaitUpperBound keep them): a semaphore with a waiter is not destroyed.
   std::atomic<uint32_t> button_waiters;
   std::atomic<uint32_t> upper_bound_waiters;
+  // Held by a query from its request to its reply (see kalo::query_call).
+  std::mutex query_mutex;
 };

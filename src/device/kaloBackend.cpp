@@ -81,7 +81,9 @@ void react_to_state(KaloContext *ctx, int &pending_request) {
     TR_poster_semaphore(ctx->upper_bound_sem);
   if (arrived[kTrajSampleField] != 0)
     TR_poster_semaphore(ctx->traj_sample_sem);
-  if (arrived[kButtonsField] != 0)
+  // The button check runs the call frame, whose connection check would
+  // record a spurious code 2 while kaloOpen still waits for the first frame.
+  if (arrived[kButtonsField] != 0 && ctx->connected.load() != 0)
     CheckPressButton(ctx);
   if (pending_request > 0 && pending_request <= kalo::kFieldCount && arrived[pending_request] != 0) {
     TR_poster_semaphore(ctx->reply_sem);

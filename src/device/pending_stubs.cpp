@@ -41,13 +41,11 @@ int32_t CheckPressButton(KaloContext *context) {
   if (!kalo::enter(context))
     return -1;
   KaloContext *ctx = context;
+  kalo::ContextLock hold(ctx);
   uint32_t now = 0;
-  {
-    kalo::ContextLock hold(ctx);
-    const uint32_t button = ctx->wait_button;
-    if (button >= 1 && button <= 16)
-      now = (static_cast<uint32_t>(static_cast<uint16_t>(ctx->state_record.buttons)) >> (button - 1)) & 1u;
-  }
+  const uint32_t button = ctx->wait_button;
+  if (button >= 1 && button <= 16)
+    now = (static_cast<uint32_t>(static_cast<uint16_t>(ctx->state_record.buttons)) >> (button - 1)) & 1u;
   ctx->button_now = now;
   if (ctx->wait_armed != 0 && now == 1 && ctx->button_previous == 0) {
     TR_poster_semaphore(ctx->button_sem);

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "device/context.h"
 #include "device/url.h"
 #include "kalo/kalo.h"
 
@@ -90,6 +91,17 @@ TEST(ConnectionUrl, OpenReportsABusyLocalPortAsCode2) {
   EXPECT_EQ(kaloOpen("udpxdr://127.0.0.1:15991#15992"), nullptr);
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);
   close(busy);
+}
+
+TEST(ConnectionUrl, CloseRefusesHandlesThatAreNotLiveContexts) {
+  kaloGlobalError = 0;
+  EXPECT_EQ(kaloClose(nullptr), -1);
+  EXPECT_EQ(kaloGlobalError, KALO_ERROR_INVALID_CONTEXT);
+  KaloContext fake{};
+  fake.magic = kalo::kContextMagic + 1;
+  kaloGlobalError = 0;
+  EXPECT_EQ(kaloClose(&fake), -1);
+  EXPECT_EQ(kaloGlobalError, KALO_ERROR_INVALID_CONTEXT);
 }
 
 TEST(ConnectionUrl, VersionOfThisLibrary) {
