@@ -13,11 +13,8 @@
 #include "kalo/kalo.h"
 #include "kalo/kalo_math.h"
 #include "kalo/kalo_realtime.h"
-#if __has_include("kalo/kalo_deplacement.h")
 #include "kalo/kalo_deplacement.h"
 #include "kalo/kalo_quaternion.h"
-#define KALO_HAVE_POSES 1
-#endif
 #include "protocol/exchange_record.h"
 
 struct ServoPoint; // per-control-point servo state (device/servo_point.h)
@@ -96,11 +93,9 @@ struct KaloContext {
   MATD *object_inertia; // 3x3, diagonal 2 * mass * 0.3352 / 5
   MATD *work_matrix4;   // 4x4
   MATD *work_matrix3;   // 3x3
-#ifdef KALO_HAVE_POSES
   VECT3 *work_vect3;
   DEPL *work_depl;
   QUAT *work_quat;
-#endif
 
   uint64_t frames_sent;
   uint64_t frames_received;

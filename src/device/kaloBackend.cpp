@@ -20,10 +20,7 @@
 #include "device/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
-#if __has_include("kalo/kalo_signal.h")
 #include "kalo/kalo_signal.h"
-#define KALO_HAVE_SIGNAL 1
-#endif
 #include "protocol/exchange_record.h"
 
 namespace {
@@ -168,10 +165,8 @@ void *_backendThread(void *context) {
       react_to_state(ctx, pending_request);
       // The speed-factor filter steps once per frame. Its input is written by
       // the application under the lock, so it is read under the lock too.
-#ifdef KALO_HAVE_SIGNAL
       if (ctx->filter_disabled.load() == 0 && ctx->speed_factor_filter != nullptr)
         TSIG_filtre_calculer(ctx->speed_factor_filter, ctx->speed_factor_target, ctx->speed_factor_filtered);
-#endif
     }
 
     {

@@ -14,10 +14,9 @@
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
-#if __has_include("kalo/kalo_signal.h")
+#include "kalo/kalo_deplacement.h"
+#include "kalo/kalo_quaternion.h"
 #include "kalo/kalo_signal.h"
-#define KALO_HAVE_SIGNAL 1
-#endif
 
 namespace {
 
@@ -57,14 +56,12 @@ void release_context(KaloContext *ctx) {
     return;
   destroy_matrix(ctx->work_matrix4);
   destroy_matrix(ctx->work_matrix3);
-#ifdef KALO_HAVE_POSES
   VECT3_detruire(ctx->work_vect3);
   DEPL_detruire(ctx->work_depl);
   QUAT_detruire(ctx->work_quat);
   ctx->work_vect3 = nullptr;
   ctx->work_depl = nullptr;
   ctx->work_quat = nullptr;
-#endif
   destroy_matrix(ctx->object_inertia);
 
   destroy_semaphore(ctx->lock);
@@ -83,9 +80,7 @@ void release_context(KaloContext *ctx) {
   destroy_matrix(ctx->speed_factor_target);
   destroy_matrix(ctx->speed_factor_filtered);
   destroy_matrix(ctx->speed_factor_cutoff);
-#ifdef KALO_HAVE_SIGNAL
   TSIG_filtre_detruire(ctx->speed_factor_filter);
-#endif
   ctx->speed_factor_filter = nullptr;
 
   if (ctx->session >= 0 && close_protocol(ctx->session) == -1 && ctx->output_stream != nullptr)

@@ -13,11 +13,8 @@
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
-#if __has_include("kalo/kalo_deplacement.h")
 #include "kalo/kalo_deplacement.h"
 #include "kalo/kalo_quaternion.h"
-#define KALO_HAVE_POSES 1
-#endif
 
 namespace {
 
@@ -83,13 +80,11 @@ bool init_context(KaloContext *ctx, int session) {
   ctx->object_inertia = MATD_creer(3, 3);
   ctx->work_matrix4 = MATD_creer(4, 4);
   ctx->work_matrix3 = MATD_creer(3, 3);
-#ifdef KALO_HAVE_POSES
   ctx->work_vect3 = VECT3_creer();
   ctx->work_depl = DEPL_creer();
   ctx->work_quat = QUAT_creer();
   if (ctx->work_vect3 == nullptr || ctx->work_depl == nullptr || ctx->work_quat == nullptr)
     return false;
-#endif
   if (ctx->state_record.traj_samples == nullptr || ctx->speed_factor_target == nullptr ||
       ctx->speed_factor_filtered == nullptr || ctx->speed_factor_cutoff == nullptr ||
       ctx->object_inertia == nullptr || ctx->work_matrix4 == nullptr || ctx->work_matrix3 == nullptr)

@@ -6,6 +6,8 @@
 #include "device/context.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
+#include "kalo/kalo_math.h"
+#include "kalo/kalo_signal.h"
 
 extern "C" {
 
@@ -15,9 +17,15 @@ int32_t init_asserv(KaloContext *context) {
   return 0;
 }
 
-// Real version (servo): creates the speed-factor filter and clears filter_disabled.
+// Real version (servo): the same, in the servo's own file.
 int32_t init_filtres(KaloContext *context) {
-  (void)context; // the filter stays disabled
+  KaloContext *ctx = context;
+  MATD_copier(ctx->speed_factor_filtered, ctx->speed_factor_target);
+  ctx->speed_factor_filter = TSIG_creer_filtre_1er_ordre(ctx->speed_factor_cutoff, 0.0009765625);
+  if (ctx->speed_factor_filter == nullptr)
+    return 0; // the filter stays disabled
+  TSIG_filtre_reinitialiser(ctx->speed_factor_filter, ctx->speed_factor_target);
+  ctx->filter_disabled = 0;
   return 0;
 }
 

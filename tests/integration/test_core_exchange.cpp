@@ -263,6 +263,25 @@ TEST_F(CoreExchange, ThePointerFieldActivatesAndDeactivatesTheEmulation) {
   EXPECT_EQ(ctx->mouse_words[0], -1);
 }
 
+TEST_F(CoreExchange, TheSpeedFactorFilterStepsOncePerStateFrame) {
+  {
+    kalo::ContextLock hold(ctx);
+    ASSERT_EQ(ctx->filter_disabled.load(), 0u);
+    EXPECT_DOUBLE_EQ(ctx->speed_factor_filtered->donnees[0], 1.0); // at rest at the target
+    ctx->speed_factor_target->donnees[0] = 2.0;
+  }
+  // A 0.5 Hz low-pass sampled at 1/1024 s: after 100 frames it has moved by
+  // about 1 - exp(-2 pi 0.5 100 / 1024), some 26 % of the step.
+  const uint64_t sent = sim().stats().frames_sent;
+  ASSERT_TRUE(sim().wait_for_frames_sent(sent + 100, 2000ms));
+  std::this_thread::sleep_for(5ms);
+  kalo::ContextLock hold(ctx);
+  const double moved = ctx->speed_factor_filtered->donnees[0] - 1.0;
+  EXPECT_GT(moved, 0.15);
+  EXPECT_LT(moved, 0.6);
+  ctx->speed_factor_target->donnees[0] = 1.0;
+}
+
 TEST(CoreHandshake, AVersion2ControllerNeverReceivesOurVersion) {
   auto cfg = sim_config(23122);
   cfg.version_major = 2;
