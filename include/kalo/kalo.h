@@ -69,7 +69,43 @@ KALO_API const char *kaloGetErrorMessage(int32_t code);
 
 /* ---- Connection ----------------------------------------------------------- */
 
+/* Opens a connection on a URL: [url:][udpxdr://]host[:local-port][#controller-port[+...]].
+ * Returns the new context, or NULL with kaloGlobalError 1 (out of memory),
+ * 2 (no socket, or no frame from the controller within 1 s) or 10 (bad URL). */
+KALO_API KaloContext *kaloOpen(const char *url);
+/* Stops the threads, sends the closing request, releases everything. 0, or -1
+ * (bad handle: kaloGlobalError 3; the connection had already failed: the
+ * context is released all the same and kaloGlobalError is 2). */
+KALO_API int32_t kaloClose(KaloContext *context);
+/* This library's version: 4 and 4. Returns 0. */
+KALO_API int32_t kaloAPIVersion(int32_t *major, int32_t *minor);
+/* Asks the controller for its version (codes 2, 6; 3 in kaloGlobalError). */
+KALO_API int32_t kaloGetControlerVersion(KaloContext *context, int32_t *major, int32_t *minor);
+/* Asks the controller for its device type and serial number; controllers of
+ * version 5.4 or below give the bare 20. */
+KALO_API int32_t kaloGetDeviceID(KaloContext *context, int32_t *device_type, int32_t *serial_number);
+/* Tells the controller whether it should keep running when our frames stop;
+ * while disabled, a stalled stream does not end the watchdog. */
+KALO_API int32_t kaloDisableControlConnexion(KaloContext *context, int32_t disabled);
+/* Takes the controller's control-point count into the context. Returns 0. */
+KALO_API int32_t kaloGetRobotNumberOfControlPoints(KaloContext *context);
+
 /* ---- Periodic loop -------------------------------------------------------- */
+
+/* The application's periodic function: the context and the user data given
+ * to kaloSetPeriodicFunction. */
+typedef void (*KaloPeriodicFunction)(KaloContext *context, void *user_data);
+
+/* Registers the periodic function and its period in seconds; *period is
+ * rounded to the controller's unit (1 ms, or 1/1024 s for controllers of
+ * version 5.0 or below) and written back. */
+KALO_API int32_t kaloSetPeriodicFunction(KaloContext *context, KaloPeriodicFunction function,
+                                         float *period, void *user_data);
+/* Starts the loop thread (codes 14: no function, 22: already started, 1). */
+KALO_API int32_t kaloStartLoop(KaloContext *context);
+/* Stops the loop; the function is not called again once this returns (unless
+ * it is called from the periodic function itself, which then ends its call). */
+KALO_API int32_t kaloStopLoop(KaloContext *context);
 
 /* ---- Command types and Cartesian commands --------------------------------- */
 
@@ -77,13 +113,32 @@ KALO_API const char *kaloGetErrorMessage(int32_t code);
 
 /* ---- Device state readout and diagnostics --------------------------------- */
 
+/* Takes the controller's axis count (field 69) into the context. Returns 0. */
+KALO_API int32_t kaloGetNumberOfAxes(KaloContext *context);
+
 /* ---- Virtual mechanisms --------------------------------------------------- */
 
 /* ---- Virtual objects ------------------------------------------------------ */
 
+/* Detaches every virtual object and zeroes the coupling gains. */
+KALO_API int32_t kaloDetachVO(KaloContext *context);
+
 /* ---- Joint space, additional axis and device outputs ---------------------- */
 
 /* ---- Mouse emulation ------------------------------------------------------ */
+
+/* Desktop pointer emulation driven by the controller's pointer field. In this
+ * build showing, hiding, moving and clicking do nothing; activating and
+ * deactivating show or hide the pointer and reset the pointer tracking. All
+ * return 0. */
+KALO_API int32_t init_mouse(KaloContext *context);
+KALO_API int32_t end_mouse(KaloContext *context);
+KALO_API int32_t show_mouse(KaloContext *context);
+KALO_API int32_t hide_mouse(KaloContext *context);
+KALO_API int32_t active_mouse(KaloContext *context);
+KALO_API int32_t desactive_mouse(KaloContext *context);
+KALO_API int32_t move_mouse(KaloContext *context, float x, float y);
+KALO_API int32_t clic_mouse(KaloContext *context, int32_t left, int32_t right);
 
 KALO_END_DECLS
 

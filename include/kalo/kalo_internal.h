@@ -67,6 +67,26 @@ KALO_API int write_udp(int descriptor, const void *bytes, int count, struct sock
 /* Closes the socket and frees the peer address. */
 KALO_API int close_udp(int descriptor, struct sockaddr_in *peer, void *table);
 
+/* ---- Connection core ------------------------------------------------------ */
+
+/* Monotonic clock in microseconds (the argument is not used). */
+KALO_API uint64_t getTime(KaloContext *context);
+/* Entry of the exchange thread "SYNC" started by kaloOpen: receives state
+ * frames and answers with the command fields that changed. */
+KALO_API void *_backendThread(void *context);
+/* Entry of an optional watchdog thread: clears the connection flag when no
+ * state frame arrived for one watchdog period. The library does not start it. */
+KALO_API void *_watchdogCtlThread(void *context);
+/* Entry of the periodic loop thread "LOOP" started by kaloStartLoop. */
+KALO_API void *_kaloLoop(void *context);
+/* Version handshake: asks the controller's version and, for controllers of
+ * major version 3 or more, sends ours (item 78). 0, or -1. */
+KALO_API int32_t sendAPIVersion(KaloContext *context);
+/* Asks the controller for its maximum linear and angular speeds (item 56). */
+KALO_API int32_t getMaxSpeed(KaloContext *context);
+/* Button edge check run by the exchange thread when the buttons field arrives. */
+KALO_API int32_t CheckPressButton(KaloContext *context);
+
 /* ---- Local servo ---------------------------------------------------------
  * Per-control-point coupling of the device to the application's virtual
  * object. point is a control-point index below the context's servo point

@@ -72,6 +72,7 @@ template <class Work> int gated_call(KaloContext *ctx, double minimum, Work &&wo
 
 #include <cerrno>
 #include <ctime>
+#include <mutex>
 
 namespace kalo {
 
@@ -101,9 +102,13 @@ inline bool wait_reply(KaloContext *ctx) {
 // The query frame: asks the controller for a field it sends only on demand
 // (item 20 carrying the wanted identifier), waits for the reply outside the
 // lock, then copies it from the state record under the lock.
+// Queries are answered one at a time: the reply semaphore and the backend's
+// pending request are single slots, so a second query in flight would take
+// the first one's reply or leave it waiting for nothing.
 template <class Copy> int query_call(KaloContext *ctx, int wanted, Copy &&copy) {
   if (!enter(ctx))
     return -1;
+  std::lock_guard<std::mutex> one_query_at_a_time(ctx->query_mutex);
   {
     ContextLock hold(ctx);
     // A reply that arrived after an earlier query gave up must not answer this one.

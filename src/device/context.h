@@ -8,10 +8,13 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 
 #include "kalo/kalo.h"
 #include "kalo/kalo_math.h"
 #include "kalo/kalo_realtime.h"
+#include "kalo/kalo_deplacement.h"
+#include "kalo/kalo_quaternion.h"
 #include "protocol/exchange_record.h"
 
 struct ServoPoint; // per-control-point servo state (device/servo_point.h)
@@ -90,6 +93,9 @@ struct KaloContext {
   MATD *object_inertia; // 3x3, diagonal 2 * mass * 0.3352 / 5
   MATD *work_matrix4;   // 4x4
   MATD *work_matrix3;   // 3x3
+  VECT3 *work_vect3;
+  DEPL *work_depl;
+  QUAT *work_quat;
 
   uint64_t frames_sent;
   uint64_t frames_received;
@@ -132,4 +138,18 @@ struct KaloContext {
   uint32_t vm_active;
   uint32_t vm_current_type;
   int32_t vm_default_mode_copy; // -1 at open
+
+  // ---- thread lifetimes. Threads are never cancelled: each one ends by itself
+  // and says so, and kaloClose waits for that before it frees anything.
+  TR_SEMAPHORE *backend_exited;  // posted once when the exchange thread ends
+  TR_SEMAPHORE *loop_exited;     // posted by a loop thread when it ends
+  TR_TACHE *loop_task_finishing; // a stopped loop whose thread has not been waited for yet
+  std::atomic<uint32_t> watchdog_started; // watchdog threads that entered / left
+  std::atomic<uint32_t> watchdog_ended;
+  // Threads blocked on button_sem / upper_bound_sem (kaloWaitPressButton,
+  // kaloVmWaitUpperBound keep them): a semaphore with a waiter is not destroyed.
+  std::atomic<uint32_t> button_waiters;
+  std::atomic<uint32_t> upper_bound_waiters;
+  // Held by a query from its request to its reply (see kalo::query_call).
+  std::mutex query_mutex;
 };

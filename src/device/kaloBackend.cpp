@@ -1,0 +1,228 @@
+// The exchange thread "SYNC": the only code that talks to the controller. It
+// blocks on the socket, decodes each state frame into the state record, ticks
+// the periodic loop, wakes the threads waiting for a reply, a sample, a button
+// or an upper bound, and answers with one command frame carrying the fields
+// the application marked since the previous frame. Also the optional
+// watchdog and the clock of both.
+//
+// Lifetime: the thread is never cancelled. It ends by itself when kaloClose
+// sets backend_stop (the receive has a time-out, so a silent controller cannot
+// hold it) or when a send fails, and its very last access to the context is
+// the post of backend_exited, for which kaloClose waits before freeing
+// anything. A failed send therefore leaves a context that is merely
+// disconnected: every later call gets code 2 and kaloClose releases it all.
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "device/loop_rules.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+#include "kalo/kalo_signal.h"
+#include "protocol/exchange_record.h"
+
+namespace {
+
+using kalo::ContextLock;
+
+constexpr int kHelloField = 44;
+constexpr int kTimeStampField = 1;
+constexpr int kRequestField = 20;
+constexpr int kButtonsField = 22;
+constexpr int kTrajSampleField = 29;
+constexpr int kUpperBoundField = 49;
+constexpr int kEnergyOffField = 57;
+constexpr int kMouseField = 60;
+
+enum class SendResult { sent, dropped, failed };
+
+// Stamps and sends every marked field of the command record, then clears the
+// marks. Call under the lock. A frame that does not fit is dropped (the
+// controller keeps the previous values) rather than taken for a dead link.
+SendResult send_marked_fields(KaloContext *ctx, unsigned char *frame) {
+  ExchangeRecord &cmd = ctx->command_record;
+  cmd.time_stamp = static_cast<int32_t>(static_cast<uint32_t>(getTime(ctx)));
+  kalo::post_field(cmd, kTimeStampField);
+  const uint32_t size = encode_decode(kalo::kModeEncode, &cmd, frame, kalo::kFrameCapacity);
+  SendResult result = SendResult::dropped;
+  if (size != kalo::kCodecFailure)
+    result = write_protocol(ctx->session, frame, static_cast<int>(size)) == static_cast<int>(size)
+                 ? SendResult::sent
+                 : SendResult::failed;
+  kalo::clear_changes(cmd);
+  return result;
+}
+
+// The reactions to the fields a state frame carried. Call under the lock.
+void react_to_state(KaloContext *ctx, int &pending_request) {
+  ExchangeRecord &state = ctx->state_record;
+  const uint32_t *arrived = state.field_changed;
+
+  if (arrived[kMouseField] != 0) {
+    const int32_t m = state.mouse_state.state;
+    if (m == 1 && ctx->mouse_previous_state == 0)
+      active_mouse(ctx);
+    if (m == 0 && ctx->mouse_previous_state == 1) {
+      desactive_mouse(ctx);
+    } else {
+      move_mouse(ctx, state.mouse_state.x, state.mouse_state.y);
+      clic_mouse(ctx, state.mouse_state.click_left, state.mouse_state.click_right);
+    }
+    ctx->mouse_previous_state = m;
+  }
+  if (arrived[kEnergyOffField] != 0)
+    deactive_control_ener_cine(ctx);
+  if (arrived[kUpperBoundField] != 0)
+    TR_poster_semaphore(ctx->upper_bound_sem);
+  if (arrived[kTrajSampleField] != 0)
+    TR_poster_semaphore(ctx->traj_sample_sem);
+  // The button check runs the call frame, whose connection check would
+  // record a spurious code 2 while kaloOpen still waits for the first frame.
+  if (arrived[kButtonsField] != 0 && ctx->connected.load() != 0)
+    CheckPressButton(ctx);
+  if (pending_request > 0 && pending_request <= kalo::kFieldCount && arrived[pending_request] != 0) {
+    TR_poster_semaphore(ctx->reply_sem);
+    pending_request = 0;
+  }
+  kalo::clear_changes(state);
+}
+
+// Ticks the periodic loop when a period has elapsed since the previous tick.
+// The timing words have this thread as their only writer.
+void tick_loop(KaloContext *ctx) {
+  if (ctx->loop_running.load() == 0) {
+    // The first tick after a start waits one whole period.
+    ctx->last_tick_time = getTime(ctx);
+    return;
+  }
+  const uint64_t now = getTime(ctx);
+  ctx->last_frame_time = now;
+  if (kalo::loop_tick_due(now, ctx->last_tick_time.load(), ctx->loop_period_us.load())) {
+    ctx->last_tick_time = getTime(ctx);
+    TR_poster_semaphore(ctx->loop_sem);
+  }
+}
+
+// Ends the thread: the post is the thread's last access to the context.
+void *finish(KaloContext *ctx, intptr_t result) {
+  TR_poster_semaphore(ctx->backend_exited);
+  return reinterpret_cast<void *>(result);
+}
+
+} // namespace
+
+extern "C" {
+
+uint64_t getTime(KaloContext *context) {
+  (void)context;
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+}
+
+void *_backendThread(void *context) {
+  auto *ctx = static_cast<KaloContext *>(context);
+  unsigned char frame[kalo::kFrameCapacity];
+  int pending_request = 0; // identifier of the last query sent, 0 when none
+
+  // Start-up: the hello frame. On failure the lock is released (a held lock
+  // would block kaloOpen's own clean-up forever); the open then fails with 2.
+  bool hello_sent;
+  {
+    ContextLock hold(ctx);
+    kalo::post_field(ctx->command_record, kHelloField);
+    hello_sent = send_marked_fields(ctx, frame) == SendResult::sent;
+    if (!hello_sent)
+      ctx->error_code = KALO_ERROR_COMMUNICATION;
+  }
+  if (!hello_sent)
+    return finish(ctx, -1);
+
+  for (;;) {
+    errno = 0;
+    const int received = read_protocol(ctx->session, frame, static_cast<int>(kalo::kFrameCapacity));
+    if (received < 1) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        // Nothing arrived within the receive time-out: no frame is due.
+        if (ctx->backend_stop.load() != 0)
+          break;
+        continue;
+      }
+      // A malformed datagram or a failed receive: a command frame may still be due.
+      TR_delai(0.001);
+    } else {
+      {
+        ContextLock hold(ctx);
+        encode_decode(kalo::kModeDecode, &ctx->state_record, frame, static_cast<uint32_t>(received));
+        ctx->frames_received++;
+        ctx->watchdog_counter++;
+        ctx->frame_received = 1;
+      }
+      tick_loop(ctx);
+      ContextLock hold(ctx);
+      react_to_state(ctx, pending_request);
+      // The speed-factor filter steps once per frame. Its input is written by
+      // the application under the lock, so it is read under the lock too.
+      if (ctx->filter_disabled.load() == 0 && ctx->speed_factor_filter != nullptr)
+        TSIG_filtre_calculer(ctx->speed_factor_filter, ctx->speed_factor_target, ctx->speed_factor_filtered);
+    }
+
+    {
+      ContextLock hold(ctx);
+      ExchangeRecord &cmd = ctx->command_record;
+      if (cmd.send_request != 0) {
+        if (cmd.field_changed[kRequestField] != 0)
+          pending_request = cmd.request;
+        const SendResult sent = send_marked_fields(ctx, frame);
+        ctx->frames_sent++;
+        if (sent == SendResult::failed) {
+          // The link is gone: report it to the application's next call and end.
+          ctx->error_code = KALO_ERROR_COMMUNICATION;
+          ctx->connected = 0;
+          break;
+        }
+      }
+    }
+    if (ctx->backend_stop.load() != 0)
+      break;
+  }
+  return finish(ctx, 0);
+}
+
+void *_watchdogCtlThread(void *context) {
+  auto *ctx = static_cast<KaloContext *>(context);
+  ctx->watchdog_started++;
+  uint32_t previous;
+  float period;
+  {
+    ContextLock hold(ctx);
+    previous = ctx->watchdog_counter - 1;
+    period = ctx->watchdog_period;
+  }
+  bool stalled = false;
+  while (ctx->backend_stop.load() == 0) {
+    {
+      ContextLock hold(ctx);
+      const uint32_t counter = ctx->watchdog_counter;
+      if (counter != previous) {
+        ctx->connected = 1;
+      } else if (ctx->control_connection_disabled == 0) {
+        ctx->connected = 0;
+        stalled = true;
+      }
+      previous = counter;
+      period = ctx->watchdog_period;
+    }
+    if (stalled)
+      break;
+    TR_delai(static_cast<double>(period));
+  }
+  if (stalled && ctx->backend_stop.load() == 0)
+    TR_delai(static_cast<double>(period));
+  ctx->watchdog_ended++; // last access: kaloClose may free the context from here on
+  return nullptr;
+}
+
+} // extern "C"

@@ -1,0 +1,156 @@
+// Closing a connection, in order: the pointer emulation and the virtual
+// objects, the periodic loop, the closing request to the controller, the
+// threads, then every resource of the context.
+//
+// A context whose link has failed (connected 0: a send failed, or the
+// watchdog saw the controller go silent) is released all the same; the call
+// then returns -1 with code 2 in kaloGlobalError, the record being gone.
+#include <cstdio>
+#include <cstdlib>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "device/lifecycle.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+#include "kalo/kalo_math.h"
+#include "kalo/kalo_deplacement.h"
+#include "kalo/kalo_quaternion.h"
+#include "kalo/kalo_signal.h"
+
+namespace {
+
+constexpr int kCloseRequestField = 37;
+
+void destroy_semaphore(TR_SEMAPHORE *&s) {
+  if (s != nullptr)
+    TR_detruire_semaphore(s);
+  s = nullptr;
+}
+
+void destroy_matrix(MATD *&m) {
+  MATD_detruire(m);
+  m = nullptr;
+}
+
+// Waits until every watchdog thread that entered the context has left it. A
+// watchdog ends within one period once backend_stop is set.
+void wait_for_watchdogs(KaloContext *ctx) {
+  if (ctx->watchdog_task != nullptr) {
+    // Registered but perhaps not yet running: it will enter and see the stop.
+    while (ctx->watchdog_started.load() == 0)
+      TR_delai(0.001);
+  }
+  while (ctx->watchdog_ended.load() != ctx->watchdog_started.load())
+    TR_delai(0.001);
+  kalo::release_task_handle(ctx->watchdog_task);
+  ctx->watchdog_task = nullptr;
+}
+
+} // namespace
+
+namespace kalo {
+
+void release_context(KaloContext *ctx) {
+  if (ctx == nullptr)
+    return;
+  destroy_matrix(ctx->work_matrix4);
+  destroy_matrix(ctx->work_matrix3);
+  VECT3_detruire(ctx->work_vect3);
+  DEPL_detruire(ctx->work_depl);
+  QUAT_detruire(ctx->work_quat);
+  ctx->work_vect3 = nullptr;
+  ctx->work_depl = nullptr;
+  ctx->work_quat = nullptr;
+  destroy_matrix(ctx->object_inertia);
+
+  destroy_semaphore(ctx->lock);
+  destroy_semaphore(ctx->reply_sem);
+  destroy_semaphore(ctx->loop_sem);
+  destroy_semaphore(ctx->traj_sample_sem);
+  destroy_semaphore(ctx->backend_exited);
+  destroy_semaphore(ctx->loop_exited);
+  // A thread still blocked on one of these would wait on freed memory: such a
+  // semaphore is left behind instead.
+  if (ctx->button_waiters.load() == 0)
+    destroy_semaphore(ctx->button_sem);
+  if (ctx->upper_bound_waiters.load() == 0)
+    destroy_semaphore(ctx->upper_bound_sem);
+
+  destroy_matrix(ctx->speed_factor_target);
+  destroy_matrix(ctx->speed_factor_filtered);
+  destroy_matrix(ctx->speed_factor_cutoff);
+  TSIG_filtre_detruire(ctx->speed_factor_filter);
+  ctx->speed_factor_filter = nullptr;
+
+  if (ctx->session >= 0 && close_protocol(ctx->session) == -1 && ctx->output_stream != nullptr)
+    std::fputs("Error in close_protocol()\n", ctx->output_stream);
+  if (ctx->output_stream != nullptr && ctx->output_stream != stdout)
+    std::fclose(ctx->output_stream);
+  ctx->output_stream = nullptr;
+
+  ctx->magic = 0;
+  close_asserv(ctx);
+  std::free(ctx->gain_stiffness_buffer);
+  std::free(ctx->gain_damping_buffer);
+  std::free(ctx->scratch_speed);
+  std::free(ctx->scratch_force);
+  std::free(ctx->scratch_position);
+  std::free(ctx->state_record.traj_samples);
+  delete ctx;
+}
+
+} // namespace kalo
+
+extern "C" {
+
+int32_t kaloClose(KaloContext *context) {
+  if (!kalo::is_live(context)) {
+    kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return -1;
+  }
+  KaloContext *ctx = context;
+  const bool was_connected = ctx->connected.load() != 0;
+
+  end_mouse(ctx);
+  if (was_connected) {
+    kaloDetachVO(ctx);
+    TR_delai(0.2);
+  }
+  const bool on_loop_thread = kalo::stop_loop(ctx);
+  if (was_connected)
+    TR_delai(0.2);
+
+  {
+    kalo::ContextLock hold(ctx);
+    kalo::post_field(ctx->command_record, kCloseRequestField);
+    ctx->backend_stop = 1;
+  }
+  // The exchange thread sends the closing request with its answer to the next
+  // state frame, then ends.
+  if (was_connected)
+    TR_delai(0.5);
+
+  wait_for_watchdogs(ctx);
+  if (on_loop_thread) {
+    // Closed from the periodic function: its thread is the caller; it returns
+    // from the function without touching the context again.
+    kalo::release_task_handle(ctx->loop_task_finishing);
+    ctx->loop_task_finishing = nullptr;
+    kalo::mark_closed_by_loop_thread(ctx);
+  }
+  if (ctx->backend_task != nullptr) {
+    TR_attendre_semaphore(ctx->backend_exited);
+    kalo::release_task_handle(ctx->backend_task);
+    ctx->backend_task = nullptr;
+  }
+
+  kalo::release_context(ctx);
+  if (!was_connected) {
+    kaloGlobalError = KALO_ERROR_COMMUNICATION;
+    return -1;
+  }
+  return 0;
+}
+
+} // extern "C"

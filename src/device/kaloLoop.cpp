@@ -1,0 +1,201 @@
+// The periodic application loop: the thread "LOOP" calls the application's
+// function once per tick of the exchange thread, measures each call and
+// reports overruns.
+//
+// Lifetime: a loop thread is never cancelled. kaloStopLoop clears the loop's
+// handle and wakes the thread, which sees that it is no longer the loop and
+// ends after its current call, posting loop_exited as its last access to the
+// context. The stopped handle waits in loop_task_finishing until somebody
+// other than the loop thread itself has seen that post and freed it: the stop
+// itself, or failing that (a function that stopped its own loop) the next
+// start, stop or close. So no call of the function runs after kaloStopLoop
+// has returned on another thread, and kaloClose never frees a context under a
+// running periodic function.
+#include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <semaphore.h>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "device/lifecycle.h"
+#include "device/loop_rules.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+
+namespace {
+
+using kalo::ContextLock;
+
+// Set on a loop thread whose periodic function closed its own context.
+thread_local KaloContext *t_context_closed_by_function = nullptr;
+
+bool is_thread_of(const TR_TACHE *task) { return task != nullptr && pthread_equal(task->thread, pthread_self()); }
+
+// Waits for a stopped loop thread to end and frees its handle. Not on that
+// thread. Returns with the lock held when it was held on entry.
+void reap_finishing_loop(KaloContext *ctx) {
+  for (;;) {
+    TR_TACHE *finishing;
+    {
+      ContextLock hold(ctx);
+      finishing = ctx->loop_task_finishing;
+      if (finishing == nullptr || is_thread_of(finishing))
+        return;
+      ctx->loop_task_finishing = nullptr;
+    }
+    TR_attendre_semaphore(ctx->loop_exited);
+    kalo::release_task_handle(finishing);
+  }
+}
+
+} // namespace
+
+namespace kalo {
+
+void release_task_handle(TR_TACHE *task) {
+  if (task == nullptr)
+    return;
+  pthread_attr_destroy(&task->attr);
+  std::free(task);
+}
+
+bool stop_loop(KaloContext *ctx) {
+  bool on_loop_thread;
+  {
+    ContextLock hold(ctx);
+    if (ctx->loop_task != nullptr) {
+      // The start reaps any earlier stopped loop before it creates a task, so
+      // the finishing slot is free here.
+      ctx->loop_task_finishing = ctx->loop_task;
+      ctx->loop_task = nullptr;
+    }
+    ctx->loop_running = 0;
+    TR_poster_semaphore(ctx->loop_sem);
+    on_loop_thread = is_thread_of(ctx->loop_task_finishing);
+  }
+  if (!on_loop_thread)
+    reap_finishing_loop(ctx);
+  return on_loop_thread;
+}
+
+void mark_closed_by_loop_thread(KaloContext *ctx) { t_context_closed_by_function = ctx; }
+
+} // namespace kalo
+
+extern "C" {
+
+int32_t kaloSetPeriodicFunction(KaloContext *context, KaloPeriodicFunction function, float *period,
+                                void *user_data) {
+  return kalo::locked_call(context, [&](KaloContext &ctx) {
+    kalo::LoopPeriod rounded{};
+    if (period == nullptr || !kalo::round_loop_period(*period, ctx.controller_version, &rounded))
+      return KALO_ERROR_INCORRECT_VALUE;
+    ctx.periodic_function = function;
+    ctx.loop_period_ticks = rounded.ticks;
+    ctx.periodic_user_data = user_data;
+    ctx.loop_period_us = rounded.period_us;
+    *period = rounded.period_us / 1000000.0f;
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t kaloStartLoop(KaloContext *context) {
+  if (!kalo::enter(context))
+    return -1;
+  KaloContext *ctx = context;
+  // A loop stopped from its own function may still be ending its last call.
+  reap_finishing_loop(ctx);
+  int code = KALO_NO_ERROR;
+  {
+    ContextLock hold(ctx);
+    if (ctx->periodic_function == nullptr) {
+      code = KALO_ERROR_NO_PERIODIC_FUNCTION;
+    } else {
+      ctx->loop_running = 1;
+      if (ctx->loop_task != nullptr) {
+        code = KALO_ERROR_LOOP_ALREADY_STARTED;
+      } else if (is_thread_of(ctx->loop_task_finishing)) {
+        // The function stopped and restarts its own loop: this thread goes on.
+        ctx->loop_task = ctx->loop_task_finishing;
+        ctx->loop_task_finishing = nullptr;
+      } else {
+        // Ticks left over from an earlier loop must not fire the new one at once.
+        while (sem_trywait(&ctx->loop_sem->u.semaphore) == 0) {
+        }
+        // The new thread reads its own handle under the lock held here, so it
+        // sees the identifier that the creation stores.
+        ctx->loop_task = TR_creer_tache("LOOP", kalo::kTaskPriorityOffset, kalo::kLoopStackSize, _kaloLoop, ctx);
+        if (ctx->loop_task == nullptr) {
+          ctx->loop_running = 0;
+          code = KALO_ERROR_OUT_OF_MEMORY;
+        }
+      }
+    }
+  }
+  if (code != KALO_NO_ERROR) {
+    ctx->error_code = static_cast<uint32_t>(code);
+    return -1;
+  }
+  return 0;
+}
+
+int32_t kaloStopLoop(KaloContext *context) {
+  if (!kalo::enter(context))
+    return -1;
+  kalo::stop_loop(context);
+  return 0;
+}
+
+void *_kaloLoop(void *context) {
+  auto *ctx = static_cast<KaloContext *>(context);
+  for (;;) {
+    TR_attendre_semaphore(ctx->loop_sem);
+    kalo::PeriodicFunction function;
+    void *user_data;
+    {
+      ContextLock hold(ctx);
+      const bool still_the_loop = ctx->loop_running.load() != 0 && is_thread_of(ctx->loop_task);
+      if (!still_the_loop) {
+        if (is_thread_of(ctx->loop_task)) {
+          ctx->loop_task_finishing = ctx->loop_task;
+          ctx->loop_task = nullptr;
+        }
+        break;
+      }
+      function = ctx->periodic_function;
+      user_data = ctx->periodic_user_data;
+    }
+    if (function == nullptr)
+      continue;
+
+    const uint64_t start = getTime(ctx);
+    ctx->loop_start_time = start;
+    ctx->in_periodic_function = 1;
+    function(ctx, user_data);
+    if (t_context_closed_by_function == ctx) {
+      // The function closed the connection: the context is gone.
+      t_context_closed_by_function = nullptr;
+      return nullptr;
+    }
+    ctx->in_periodic_function = 0;
+    const uint64_t duration = getTime(ctx) - start;
+    ctx->loop_start_time = duration;
+
+    ContextLock hold(ctx);
+    const uint64_t allowed = kalo::allowed_call_us(ctx->time_step);
+    if (kalo::call_overran(duration, allowed)) {
+      ctx->loop_overrun = 1;
+      if ((ctx->debug_flags & 1u) != 0 && ctx->output_stream != nullptr) {
+        std::fprintf(ctx->output_stream, "Overrun de %d ms\n", kalo::overrun_ms(duration, allowed));
+        std::fflush(ctx->output_stream);
+      }
+    } else {
+      ctx->loop_overrun = 0;
+    }
+  }
+  TR_poster_semaphore(ctx->loop_exited); // last access to the context
+  return nullptr;
+}
+
+} // extern "C"

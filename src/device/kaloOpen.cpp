@@ -1,0 +1,279 @@
+// Opening a connection: the URL, the UDP session, the context with its
+// defaults, the exchange thread, the wait for the controller's first frame and
+// the version handshake. Also the small connection-level calls.
+#include <cstdlib>
+#include <new>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "device/lifecycle.h"
+#include "device/url.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+#include "kalo/kalo_math.h"
+#include "kalo/kalo_deplacement.h"
+#include "kalo/kalo_quaternion.h"
+
+namespace {
+
+constexpr int32_t kApiMajor = 4;
+constexpr int32_t kApiMinor = 4;
+constexpr int32_t kOldestMajorTold = 3; // controllers below this do not take our version
+constexpr double kDeviceIdMinimumVersion = 5.4;
+constexpr float kInitialControllerVersion = 2.6f;
+constexpr double kDefaultObjectMass = 0.814;
+constexpr int kPerPointArrayLimit = 256; // control points the per-point arrays are ever sized for
+
+// The identity pose (zero translation, identity quaternion with the scalar last).
+void set_null_pose(float (&pose)[7]) {
+  for (float &v : pose)
+    v = 0.0f;
+  pose[6] = 1.0f;
+}
+
+void init_exchange_record(ExchangeRecord &r) {
+  for (float(*pose)[7] : {&r.observation_frame, &r.base_frame, &r.catch_frame, &r.position, &r.vm_base_frame,
+                          &r.physical_position, &r.avatar_position, &r.center_sphere})
+    set_null_pose(*pose);
+}
+
+// Context defaults, exchange records and work objects. False when something
+// could not be allocated (the caller releases what was).
+bool init_context(KaloContext *ctx, int session) {
+  ctx->magic = kalo::kContextMagic;
+  ctx->session = session;
+  ctx->output_stream = stdout;
+  ctx->watchdog_period = 0.1f;
+  ctx->time_step = 0.1f;
+  ctx->max_linear_speed = 2.0f;
+  ctx->max_angular_speed = 6.2831855f;
+  ctx->current_force_factor = 1.0f;
+  set_null_pose(ctx->observation_frame_copy);
+  set_null_pose(ctx->base_frame_copy);
+  ctx->filter_disabled = 1;
+  ctx->mouse_previous_state = 0;
+  ctx->mouse_words[0] = -1;
+  ctx->mouse_words[1] = -1;
+  ctx->control_point_count = 1;
+  ctx->servo_point_count = 1;
+  ctx->axis_count = 6;
+  ctx->object_mass = kDefaultObjectMass;
+  ctx->controller_version = kInitialControllerVersion;
+  ctx->vm_default_mode = -1;
+  ctx->vm_default_mode_seen = -1;
+  ctx->vm_default_mode_copy = -1;
+
+  init_exchange_record(ctx->command_record);
+  init_exchange_record(ctx->state_record);
+  ctx->command_record.speed_factor = 1.0f;
+  ctx->command_record.force_factor = 1.0f;
+  ctx->command_record.control_point_count = 1;
+  ctx->command_record.axis_count_wire = 6;
+  ctx->state_record.traj_samples =
+      static_cast<float(*)[7]>(std::calloc(kalo::kTrajSampleRoom, sizeof(float[7])));
+
+  ctx->speed_factor_target = MATD_creer(1, 1);
+  ctx->speed_factor_filtered = MATD_creer(1, 1);
+  ctx->speed_factor_cutoff = MATD_creer(1, 1);
+  ctx->object_inertia = MATD_creer(3, 3);
+  ctx->work_matrix4 = MATD_creer(4, 4);
+  ctx->work_matrix3 = MATD_creer(3, 3);
+  ctx->work_vect3 = VECT3_creer();
+  ctx->work_depl = DEPL_creer();
+  ctx->work_quat = QUAT_creer();
+  if (ctx->work_vect3 == nullptr || ctx->work_depl == nullptr || ctx->work_quat == nullptr)
+    return false;
+  if (ctx->state_record.traj_samples == nullptr || ctx->speed_factor_target == nullptr ||
+      ctx->speed_factor_filtered == nullptr || ctx->speed_factor_cutoff == nullptr ||
+      ctx->object_inertia == nullptr || ctx->work_matrix4 == nullptr || ctx->work_matrix3 == nullptr)
+    return false;
+  ctx->speed_factor_target->donnees[0] = 1.0;
+  ctx->speed_factor_cutoff->donnees[0] = 0.5;
+  const double inertia = 2.0 * kDefaultObjectMass * 0.3352 / 5.0;
+  for (int i = 0; i < 3; ++i)
+    ctx->object_inertia->donnees[i * 3 + i] = inertia;
+  return true;
+}
+
+bool create_semaphores(KaloContext *ctx) {
+  ctx->lock = TR_creer_semaphore_mutex();
+  ctx->reply_sem = TR_creer_semaphore_synchro();
+  ctx->loop_sem = TR_creer_semaphore_synchro();
+  ctx->traj_sample_sem = TR_creer_semaphore_synchro();
+  ctx->button_sem = TR_creer_semaphore_synchro();
+  ctx->upper_bound_sem = TR_creer_semaphore_synchro();
+  ctx->backend_exited = TR_creer_semaphore_synchro();
+  ctx->loop_exited = TR_creer_semaphore_synchro();
+  return ctx->lock != nullptr && ctx->reply_sem != nullptr && ctx->loop_sem != nullptr &&
+         ctx->traj_sample_sem != nullptr && ctx->button_sem != nullptr && ctx->upper_bound_sem != nullptr &&
+         ctx->backend_exited != nullptr && ctx->loop_exited != nullptr;
+}
+
+// The per-control-point arrays, sized for the controller's count.
+bool allocate_point_arrays(KaloContext *ctx) {
+  int points = ctx->control_point_count;
+  if (points < 1)
+    points = 1;
+  if (points > kPerPointArrayLimit)
+    points = kPerPointArrayLimit;
+  const auto n = static_cast<std::size_t>(points);
+  ctx->gain_stiffness_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->gain_damping_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->scratch_speed = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->scratch_force = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->scratch_position = static_cast<float *>(std::calloc(n * 7, sizeof(float)));
+  return ctx->gain_stiffness_buffer != nullptr && ctx->gain_damping_buffer != nullptr &&
+         ctx->scratch_speed != nullptr && ctx->scratch_force != nullptr && ctx->scratch_position != nullptr;
+}
+
+// Gives up an open before the exchange thread exists: nothing else runs on the
+// context, so it is released at once.
+KaloContext *abandon_open(KaloContext *ctx, int32_t global_code) {
+  kalo::release_context(ctx);
+  kaloGlobalError = global_code;
+  return nullptr;
+}
+
+} // namespace
+
+extern "C" {
+
+KaloContext *kaloOpen(const char *url) {
+  auto *ctx = new (std::nothrow) KaloContext();
+  if (ctx == nullptr) {
+    kaloGlobalError = KALO_ERROR_OUT_OF_MEMORY;
+    return nullptr;
+  }
+  ctx->frame_received = 0;
+  ctx->error_code = KALO_NO_ERROR;
+  ctx->output_stream = stdout;
+  ctx->session = -1;
+
+  kalo::ConnectionUrl parsed;
+  if (!kalo::parse_connection_url(url, &parsed))
+    return abandon_open(ctx, KALO_ERROR_URL_SYNTAX);
+
+  const int session = open_protocol_udp(parsed.host.c_str(), parsed.local_port, parsed.remote_port);
+  if (session < 0)
+    return abandon_open(ctx, KALO_ERROR_COMMUNICATION);
+  // The receive gives up now and then so that the exchange thread can see a
+  // stop request even from a controller that went silent.
+  timeval receive_timeout{0, kalo::kReceiveTimeoutUs};
+  setsockopt(session, SOL_SOCKET, SO_RCVTIMEO, &receive_timeout, sizeof receive_timeout);
+
+  if (!init_context(ctx, session) || !create_semaphores(ctx))
+    return abandon_open(ctx, KALO_ERROR_OUT_OF_MEMORY);
+  init_asserv(ctx);
+  init_filtres(ctx);
+
+  ctx->backend_stop = 0;
+  ctx->backend_task =
+      TR_creer_tache("SYNC", kalo::kTaskPriorityOffset, kalo::kBackendStackSize, _backendThread, ctx);
+  if (ctx->backend_task == nullptr)
+    return abandon_open(ctx, KALO_ERROR_OUT_OF_MEMORY);
+
+  TR_delai(1.0);
+  const bool heard = ctx->frame_received.load() != 0;
+  ctx->connected = 1;
+  if (!heard) {
+    kaloGlobalError = KALO_ERROR_COMMUNICATION;
+    kaloClose(ctx);
+    kaloGlobalError = KALO_ERROR_COMMUNICATION;
+    return nullptr;
+  }
+
+  kaloGetRobotNumberOfControlPoints(ctx);
+  if (!allocate_point_arrays(ctx)) {
+    kaloClose(ctx);
+    kaloGlobalError = KALO_ERROR_OUT_OF_MEMORY;
+    return nullptr;
+  }
+
+  // The handshake's results are not checked: a controller that does not
+  // answer leaves the defaults (version 2.6) and the connection is still given.
+  kaloDetachVO(ctx);
+  TR_delai(0.1);
+  kaloGetNumberOfAxes(ctx);
+  getMaxSpeed(ctx);
+  init_control_energie_cinetique(ctx);
+  init_mouse(ctx);
+  sendAPIVersion(ctx);
+  return ctx;
+}
+
+int32_t kaloAPIVersion(int32_t *major, int32_t *minor) {
+  if (major != nullptr)
+    *major = kApiMajor;
+  if (minor != nullptr)
+    *minor = kApiMinor;
+  return 0;
+}
+
+int32_t kaloGetControlerVersion(KaloContext *context, int32_t *major, int32_t *minor) {
+  return kalo::query_call(context, 38, [&](KaloContext &ctx) {
+    if (major != nullptr)
+      *major = ctx.state_record.controller_version[0];
+    if (minor != nullptr)
+      *minor = ctx.state_record.controller_version[1];
+  });
+}
+
+int32_t kaloGetDeviceID(KaloContext *context, int32_t *device_type, int32_t *serial_number) {
+  if (kalo::version_refused(context, kDeviceIdMinimumVersion))
+    return KALO_ERROR_INCOMPATIBLE_VERSION;
+  return kalo::query_call(context, 88, [&](KaloContext &ctx) {
+    if (device_type != nullptr)
+      *device_type = ctx.state_record.device_id[0];
+    if (serial_number != nullptr)
+      *serial_number = ctx.state_record.device_id[1];
+  });
+}
+
+int32_t kaloDisableControlConnexion(KaloContext *context, int32_t disabled) {
+  const int32_t result = kalo::locked_call(context, [&](KaloContext &ctx) {
+    ctx.control_connection_disabled = static_cast<uint32_t>(disabled);
+    ctx.command_record.control_connection_disabled = disabled;
+    kalo::post_field(ctx.command_record, 50);
+    return KALO_NO_ERROR;
+  });
+  if (result != 0)
+    return result;
+  // One stiffness query as a round trip: the controller has taken the flag
+  // when it answers. Its result does not matter.
+  kalo::query_call(context, 2, [](KaloContext &) {});
+  return 0;
+}
+
+int32_t kaloGetRobotNumberOfControlPoints(KaloContext *context) {
+  return kalo::locked_call(context, [](KaloContext &ctx) {
+    ctx.control_point_count = ctx.state_record.control_point_count;
+    ctx.command_record.control_point_count = ctx.state_record.control_point_count;
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t sendAPIVersion(KaloContext *context) {
+  int32_t major = 0;
+  int32_t minor = 0;
+  kaloAPIVersion(&major, &minor);
+  if (!kalo::is_live(context)) {
+    kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return -1;
+  }
+  if (kaloGetControlerVersion(context, &context->controller_version_major, &context->controller_version_minor) != 0)
+    return -1;
+  context->controller_version = static_cast<float>(context->controller_version_major) +
+                                static_cast<float>(context->controller_version_minor) / 100.0f;
+  if (context->controller_version_major < kOldestMajorTold)
+    return -1;
+  return kalo::locked_call(context, [&](KaloContext &ctx) {
+    ctx.command_record.api_version[0] = major;
+    ctx.command_record.api_version[1] = minor;
+    kalo::post_field(ctx.command_record, 78);
+    return KALO_NO_ERROR;
+  });
+}
+
+} // extern "C"

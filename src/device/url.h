@@ -1,0 +1,71 @@
+// The connection URL accepted by kaloOpen:
+//   [url:][udpxdr://]host[:local-port][#controller-port[+anything]]
+// The scheme is added when the text names none; any other scheme is refused.
+// Ports are decimal digits only (an empty port counts as 0: the transport then
+// picks its default) and are taken modulo 65536.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+namespace kalo {
+
+struct ConnectionUrl {
+  std::string host;
+  uint16_t local_port = 0;
+  uint16_t remote_port = 0;
+};
+
+namespace url_detail {
+
+inline bool all_digits(const std::string &s) { return std::strspn(s.c_str(), "0123456789") == s.size(); }
+
+inline uint16_t port_value(const std::string &digits) {
+  uint32_t value = 0;
+  for (const char c : digits)
+    value = (value * 10u + static_cast<uint32_t>(c - '0')) & 0xFFFFu;
+  return static_cast<uint16_t>(value);
+}
+
+} // namespace url_detail
+
+// Parses url into out; false on a syntax error (code 10 for kaloOpen).
+inline bool parse_connection_url(const char *url, ConnectionUrl *out) {
+  static constexpr char kScheme[] = "udpxdr://";
+  static constexpr std::size_t kSchemeLength = sizeof kScheme - 1;
+  if (url == nullptr)
+    return false;
+  std::string text(url);
+  if (text.compare(0, 4, "url:") == 0)
+    text.erase(0, 4);
+  if (text.find("://") == std::string::npos)
+    text.insert(0, kScheme);
+  else if (text.compare(0, kSchemeLength, kScheme) != 0)
+    return false;
+  std::string rest = text.substr(kSchemeLength);
+
+  std::string remote;
+  const std::size_t hash = rest.find('#');
+  if (hash != std::string::npos) {
+    remote = rest.substr(hash + 1);
+    rest.erase(hash);
+    const std::size_t plus = remote.find('+');
+    if (plus != std::string::npos)
+      remote.erase(plus); // what follows a '+' is for the controller's side
+  }
+  std::string local;
+  const std::size_t colon = rest.find(':');
+  if (colon != std::string::npos) {
+    local = rest.substr(colon + 1);
+    rest.erase(colon);
+  }
+  if (!url_detail::all_digits(local) || !url_detail::all_digits(remote))
+    return false;
+  out->host = rest;
+  out->local_port = url_detail::port_value(local);
+  out->remote_port = url_detail::port_value(remote);
+  return true;
+}
+
+} // namespace kalo

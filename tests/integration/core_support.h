@@ -1,0 +1,107 @@
+// Helpers of the connection-core integration tests: a simulator and a
+// connection to it on explicit loopback ports, and small waits.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <dirent.h>
+#include <semaphore.h>
+#include <string>
+#include <thread>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+#include "simulator.h"
+
+namespace core_test {
+
+using namespace std::chrono_literals;
+
+inline std::string url_for(uint16_t local, uint16_t remote, const char *host = "127.0.0.1") {
+  return std::string("udpxdr://") + host + ":" + std::to_string(local) + "#" + std::to_string(remote);
+}
+
+inline kalo::sim::Config sim_config(uint16_t port) {
+  kalo::sim::Config cfg;
+  cfg.port = port;
+  cfg.realtime = false;
+  return cfg;
+}
+
+// A simulator and one library connection to it.
+struct Link {
+  kalo::sim::Simulator sim;
+  KaloContext *ctx = nullptr;
+  uint16_t local;
+
+  Link(const kalo::sim::Config &cfg, uint16_t local_port) : sim(cfg), local(local_port) {}
+  ~Link() { close(); }
+
+  // Starts the simulator and opens the library on it.
+  bool open() {
+    std::string error;
+    if (!sim.start(&error)) {
+      ADD_FAILURE() << "simulator: " << error;
+      return false;
+    }
+    ctx = kaloOpen(url_for(local, sim.port()).c_str());
+    return ctx != nullptr;
+  }
+  int close() {
+    int result = 0;
+    if (ctx != nullptr)
+      result = kaloClose(ctx);
+    ctx = nullptr;
+    sim.stop();
+    return result;
+  }
+};
+
+template <class Predicate> bool eventually(Predicate p, std::chrono::milliseconds limit = 3000ms) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!p()) {
+    if (std::chrono::steady_clock::now() > end)
+      return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// Waits for a post of one of the context's counting semaphores.
+inline bool posted_within(TR_SEMAPHORE *s, std::chrono::milliseconds limit) {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  const auto ns = deadline.tv_nsec + std::chrono::duration_cast<std::chrono::nanoseconds>(limit).count();
+  deadline.tv_sec += static_cast<time_t>(ns / 1000000000);
+  deadline.tv_nsec = static_cast<long>(ns % 1000000000);
+  while (sem_timedwait(&s->u.semaphore, &deadline) != 0) {
+    if (errno != EINTR)
+      return false;
+  }
+  return true;
+}
+
+// Marks a command field as the calls do.
+template <class Write> void mark(KaloContext *ctx, int id, Write &&write) {
+  kalo::ContextLock hold(ctx);
+  write(ctx->command_record);
+  kalo::post_field(ctx->command_record, id);
+}
+
+// Threads of this process.
+inline int thread_count() {
+  int n = 0;
+  if (DIR *d = opendir("/proc/self/task")) {
+    while (dirent *e = readdir(d))
+      if (e->d_name[0] != '.')
+        ++n;
+    closedir(d);
+  }
+  return n;
+}
+
+} // namespace core_test

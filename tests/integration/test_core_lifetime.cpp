@@ -1,0 +1,111 @@
+// Lifetimes: repeated open/close leaves no thread and no heap behind; a
+// controller that goes silent under the watchdog and a link whose sends fail
+// both turn every call into code 2, and kaloClose still releases everything.
+#include "core_support.h"
+
+#include <malloc.h>
+#include <sys/socket.h>
+
+namespace {
+
+using namespace core_test;
+
+// Ports of this file: 23170-23189.
+
+std::size_t heap_in_use() { return mallinfo2().uordblks; }
+
+TEST(CoreLifetime, ThirtyOpenCloseCyclesLeaveNoThreadAndNoHeapBehind) {
+  auto cfg = sim_config(23170);
+  cfg.record_received = false; // the simulator's own memory must not move
+  kalo::sim::Simulator sim(cfg);
+  ASSERT_TRUE(sim.start());
+  const std::string url = url_for(23171, 23170);
+  const int threads = thread_count();
+
+  auto cycle = [&] {
+    KaloContext *ctx = kaloOpen(url.c_str());
+    ASSERT_NE(ctx, nullptr) << kaloGlobalError;
+    EXPECT_EQ(kaloClose(ctx), 0);
+    EXPECT_TRUE(eventually([&] { return thread_count() == threads; }, 1000ms));
+  };
+  // Warm-up: the first cycles fill the C library's caches (thread stacks,
+  // per-thread arenas); measured, the heap stops moving after six or seven.
+  for (int i = 0; i < 8; ++i)
+    cycle();
+  const std::size_t heap = heap_in_use();
+  for (int i = 0; i < 22; ++i)
+    cycle();
+  const std::size_t after = heap_in_use();
+  std::printf("heap in use: %zu bytes after the warm-up, %zu after 22 more cycles\n", heap, after);
+#ifndef KALO_SANITIZER_BUILD
+  // The smallest thing a context could leak (a semaphore, a task handle) is
+  // some 64 bytes: 22 cycles would show it several times over.
+  EXPECT_LT(after, heap + 512);
+#endif
+}
+
+// Starts the watchdog as an application could, through the context's handle.
+void start_watchdog(KaloContext *ctx) {
+  kalo::ContextLock hold(ctx);
+  ctx->watchdog_task = TR_creer_tache("WDOG", 1, 18000, _watchdogCtlThread, ctx);
+  ASSERT_NE(ctx->watchdog_task, nullptr);
+}
+
+TEST(CoreLifetime, ASilentControllerUnderTheWatchdogTurnsCallsIntoCode2AndCloseStillReturns) {
+  const int threads = thread_count();
+  Link link(sim_config(23172), 23173);
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  start_watchdog(link.ctx);
+  std::this_thread::sleep_for(300ms);
+  ASSERT_EQ(kaloGetRobotNumberOfControlPoints(link.ctx), 0); // frames flow: connected
+
+  link.sim.go_silent(5000ms);
+  const auto silent_at = std::chrono::steady_clock::now();
+  ASSERT_TRUE(eventually([&] { return kaloGetRobotNumberOfControlPoints(link.ctx) == -1; }, 2000ms));
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - silent_at).count();
+  std::printf("calls failed %.0f ms after the controller went silent\n", ms);
+  EXPECT_LE(ms, 300.0);
+  EXPECT_EQ(kaloGetErrorCode(link.ctx), KALO_ERROR_COMMUNICATION);
+
+  kaloGlobalError = 0;
+  KaloContext *ctx = link.ctx;
+  link.ctx = nullptr;
+  EXPECT_EQ(kaloClose(ctx), -1); // released, but the link had failed
+  EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);
+  link.sim.stop();
+  EXPECT_TRUE(eventually([&] { return thread_count() == threads; }, 1000ms));
+}
+
+TEST(CoreLifetime, TheWatchdogLeavesAStreamingConnectionAloneAndEndsWithTheClose) {
+  const int threads = thread_count();
+  Link link(sim_config(23174), 23175);
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  start_watchdog(link.ctx);
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(kaloGetRobotNumberOfControlPoints(link.ctx), 0);
+  EXPECT_EQ(link.close(), 0);
+  EXPECT_TRUE(eventually([&] { return thread_count() == threads; }, 1000ms));
+}
+
+TEST(CoreLifetime, AFailedSendDisconnectsAndTheApplicationsCloseReleasesEverything) {
+  const int threads = thread_count();
+  Link link(sim_config(23176), 23177);
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  // From now on every send of the library fails (EPIPE); receiving goes on.
+  shutdown(link.ctx->session, SHUT_WR);
+  mark(link.ctx, 87, [](ExchangeRecord &r) { r.outputs = 1; });
+  ASSERT_TRUE(eventually([&] { return link.ctx->connected.load() == 0; }, 1000ms));
+  EXPECT_EQ(kaloGetRobotNumberOfControlPoints(link.ctx), -1);
+  EXPECT_EQ(kaloGetErrorCode(link.ctx), KALO_ERROR_COMMUNICATION);
+
+  kaloGlobalError = 0;
+  KaloContext *ctx = link.ctx;
+  link.ctx = nullptr;
+  EXPECT_EQ(kaloClose(ctx), -1);
+  EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);
+  link.sim.stop();
+  EXPECT_TRUE(eventually([&] { return thread_count() == threads; }, 1000ms));
+}
+
+} // namespace

@@ -1,0 +1,127 @@
+// The periodic loop driven by a real exchange: the tick rule at two frame
+// rates, and closing while the periodic function runs or from inside it.
+#include "core_support.h"
+
+#include <atomic>
+
+namespace {
+
+using namespace core_test;
+
+// Ports of this file: 23140-23159.
+
+struct Calls {
+  std::atomic<int> n{0};
+  static void count(KaloContext *, void *self) { static_cast<Calls *>(self)->n++; }
+};
+
+// Runs a 1 ms loop for a while against frames every frame_period and returns
+// the loop's calls per received state frame.
+double calls_per_frame(uint16_t sim_port, uint16_t local_port, std::chrono::microseconds frame_period) {
+  auto cfg = sim_config(sim_port);
+  cfg.period = frame_period;
+  cfg.realtime = true; // steady frames make the ratio meaningful
+  Link link(cfg, local_port);
+  if (!link.open()) {
+    ADD_FAILURE() << "open failed: " << kaloGlobalError;
+    return 0;
+  }
+  Calls calls;
+  float period = 0.001f;
+  EXPECT_EQ(kaloSetPeriodicFunction(link.ctx, Calls::count, &period, &calls), 0);
+  EXPECT_FLOAT_EQ(period, 0.001f);
+  EXPECT_EQ(kaloStartLoop(link.ctx), 0);
+  std::this_thread::sleep_for(100ms);
+  uint64_t frames0;
+  {
+    kalo::ContextLock hold(link.ctx);
+    frames0 = link.ctx->frames_received;
+  }
+  const int calls0 = calls.n.load();
+  std::this_thread::sleep_for(1000ms);
+  uint64_t frames1;
+  {
+    kalo::ContextLock hold(link.ctx);
+    frames1 = link.ctx->frames_received;
+  }
+  const int calls1 = calls.n.load();
+  EXPECT_EQ(kaloStopLoop(link.ctx), 0);
+  const double ratio = static_cast<double>(calls1 - calls0) / static_cast<double>(frames1 - frames0);
+  std::printf("frames every %lld us: %llu frames, %d calls (%.3f per frame)\n",
+              static_cast<long long>(frame_period.count()), static_cast<unsigned long long>(frames1 - frames0),
+              calls1 - calls0, ratio);
+  return ratio;
+}
+
+// The tick fires 200 us early: a 1 ms loop is called on every frame when
+// frames come every 900 us, and on every second frame at 500 us. Scheduling
+// jitter can bunch frames and drop a tick now and then, hence the margins.
+TEST(CoreLoop, FramesEvery900usTickA1msLoopOnEveryFrame) {
+  const double ratio = calls_per_frame(23140, 23141, std::chrono::microseconds(900));
+  EXPECT_GT(ratio, 0.6); // a rule without the early margin would give about 0.5
+  EXPECT_LE(ratio, 1.0);
+}
+
+TEST(CoreLoop, FramesEvery500usTickA1msLoopOnEverySecondFrame) {
+  const double ratio = calls_per_frame(23142, 23143, std::chrono::microseconds(500));
+  EXPECT_GT(ratio, 0.35);
+  EXPECT_LT(ratio, 0.55);
+}
+
+struct SlowCalls {
+  std::atomic<int> n{0};
+  std::atomic<bool> inside{false};
+  static void run(KaloContext *ctx, void *self) {
+    auto *s = static_cast<SlowCalls *>(self);
+    s->inside = true;
+    kaloGetRobotNumberOfControlPoints(ctx); // the function may use the API
+    std::this_thread::sleep_for(30ms);
+    s->n++;
+  }
+};
+
+TEST(CoreLoop, CloseWaitsForTheRunningCallAndNoCallFollows) {
+  Link link(sim_config(23144), 23145);
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  SlowCalls calls;
+  float period = 0.001f;
+  ASSERT_EQ(kaloSetPeriodicFunction(link.ctx, SlowCalls::run, &period, &calls), 0);
+  ASSERT_EQ(kaloStartLoop(link.ctx), 0);
+  ASSERT_TRUE(eventually([&] { return calls.inside.load(); }));
+  EXPECT_EQ(link.close(), 0);
+  const int after_close = calls.n.load();
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(calls.n.load(), after_close);
+}
+
+struct SelfCloser {
+  std::atomic<int> result{1};
+  std::atomic<bool> done{false};
+  static void run(KaloContext *ctx, void *self) {
+    auto *s = static_cast<SelfCloser *>(self);
+    if (s->done.load())
+      return;
+    s->result = kaloClose(ctx);
+    s->done = true;
+  }
+};
+
+TEST(CoreLoop, ThePeriodicFunctionMayCloseItsOwnConnection) {
+  const int threads_before = thread_count();
+  kalo::sim::Simulator sim(sim_config(23146));
+  ASSERT_TRUE(sim.start());
+  KaloContext *ctx = kaloOpen(url_for(23147, 23146).c_str());
+  ASSERT_NE(ctx, nullptr) << kaloGlobalError;
+  SelfCloser closer;
+  float period = 0.001f;
+  ASSERT_EQ(kaloSetPeriodicFunction(ctx, SelfCloser::run, &period, &closer), 0);
+  ASSERT_EQ(kaloStartLoop(ctx), 0);
+  ASSERT_TRUE(eventually([&] { return closer.done.load(); }, 5000ms));
+  EXPECT_EQ(closer.result.load(), 0);
+  EXPECT_TRUE(sim.wait_for_frame_with(37, 1000ms).has_value());
+  sim.stop();
+  // Both the exchange thread and the loop thread are gone.
+  EXPECT_TRUE(eventually([&] { return thread_count() == threads_before; }, 1000ms));
+}
+
+} // namespace
