@@ -26,10 +26,7 @@ if ! kill -0 "$sim_pid" 2>/dev/null; then
 fi
 
 # ---- the example against the simulator ----
-# Once kaloOpen can connect, run the example here, e.g.:
-#   build/examples/<example> "udpxdr://127.0.0.1#$port"
-echo "kalo-sim serves on 127.0.0.1:$port (examples connect with udpxdr://127.0.0.1#$port)"
-sleep 1
+build/examples/first_contact "udpxdr://127.0.0.1#$port"
 # ---- end of the example ----
 stop_sim
 trap - EXIT
