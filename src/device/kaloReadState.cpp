@@ -9,8 +9,10 @@
 #include "device/call_frame.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
+#include "kalo/kalo_deplacement.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
+#include "kalo/kalo_quaternion.h"
 
 namespace {
 
@@ -337,6 +339,54 @@ int32_t kaloGetArticularSpeedOfAdditionalAxe(KaloContext *context, float *value)
     if (value == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
     *value = c.state_record.additional_axis_speed;
+    return 0;
+  });
+}
+
+// The records are built on the stack over local storage: the conversion
+// allocates nothing and two threads may convert at once.
+int32_t kaloConvertDeplToHomogeneMatrix(KaloContext *context, const float depl[7],
+                                        float matrix[16]) {
+  return kalo::locked_call(context, [&](KaloContext &) {
+    if (depl == nullptr || matrix == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    double trans[3], vect[3], unit_vect[3], h[16], r[9], t[3];
+    QUAT rot{vect, 0.0};
+    DEPL d{trans, &rot};
+    DEPL_remplir_7_float(&d, depl);
+    QUAT unit{unit_vect, 0.0};
+    QUAT_normaliser(&rot, &unit);
+    std::memcpy(vect, unit_vect, sizeof vect);
+    rot.partie_scal = unit.partie_scal;
+    MATD hm{4, 4, h};
+    MATD rm{3, 3, r};
+    DEPL_representation_homogene(&d, &hm, &rm, t);
+    for (int col = 0; col < 4; ++col)
+      for (int row = 0; row < 4; ++row)
+        matrix[4 * col + row] = static_cast<float>(h[4 * row + col]);
+    return 0;
+  });
+}
+
+int32_t kaloConvertHomogeneMatrixToDepl(KaloContext *context, float depl[7],
+                                        const float matrix[16]) {
+  return kalo::locked_call(context, [&](KaloContext &) {
+    if (depl == nullptr || matrix == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    double r[9], vect[3];
+    for (int row = 0; row < 3; ++row)
+      for (int col = 0; col < 3; ++col)
+        r[3 * row + col] = matrix[4 * col + row];
+    MATD rm{3, 3, r};
+    QUAT q{vect, 0.0};
+    QUAT_convertir_matrice_en_quaternion(&rm, &q);
+    depl[0] = matrix[12];
+    depl[1] = matrix[13];
+    depl[2] = matrix[14];
+    depl[3] = static_cast<float>(vect[0]);
+    depl[4] = static_cast<float>(vect[1]);
+    depl[5] = static_cast<float>(vect[2]);
+    depl[6] = static_cast<float>(q.partie_scal);
     return 0;
   });
 }

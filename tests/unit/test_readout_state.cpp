@@ -4,6 +4,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
+#include <cstdlib>
+
+#include <Eigen/Geometry>
 #include <cstring>
 #include <iterator>
 #include <thread>
@@ -318,4 +322,58 @@ TEST(Readers, NullOutputsAndDeadConnectionsAreRefusedNotFollowed) {
   EXPECT_EQ(f.output(), "") << "nothing printed without a connection";
   EXPECT_EQ(kaloWaitPressButton(f.get(), 1), -1) << "does not block on a dead connection";
   EXPECT_EQ(kaloGetErrorCode(f.get()), 2);
+}
+
+// The conversions against Eigen: a pose's matrix is Eigen's rotation of the
+// normalised quaternion with the translation in the last column, and the way
+// back recovers the pose (up to the quaternion's sign).
+TEST(PoseConversion, MatrixAgreesWithAnIndependentOracleAndConvertsBack) {
+  FakeContext f;
+  float m[16];
+  const float identity[7] = {0, 0, 0, 0, 0, 0, 1};
+  ASSERT_EQ(kaloConvertDeplToHomogeneMatrix(f.get(), identity, m), 0);
+  for (int i = 0; i < 16; ++i)
+    EXPECT_EQ(m[i], i % 5 == 0 ? 1.0f : 0.0f) << i;
+
+  std::srand(7);
+  auto uniform = [] { return 2.0f * static_cast<float>(std::rand()) / RAND_MAX - 1.0f; };
+  for (int sample = 0; sample < 200; ++sample) {
+    float pose[7];
+    for (float &v : pose)
+      v = uniform();
+    const float scale = 0.2f + 3.0f * std::fabs(uniform()); // a quaternion that is not unit
+    for (int i = 3; i < 7; ++i)
+      pose[i] *= scale;
+    ASSERT_EQ(kaloConvertDeplToHomogeneMatrix(f.get(), pose, m), 0);
+
+    const Eigen::Quaterniond q(pose[6], pose[3], pose[4], pose[5]);
+    const Eigen::Matrix3d r = q.normalized().toRotationMatrix();
+    for (int row = 0; row < 3; ++row) {
+      for (int col = 0; col < 3; ++col)
+        ASSERT_NEAR(m[4 * col + row], r(row, col), 1e-5) << sample << ": " << row << "," << col;
+      ASSERT_EQ(m[12 + row], pose[row]);
+      ASSERT_EQ(m[4 * row + 3], 0.0f);
+    }
+    ASSERT_EQ(m[15], 1.0f);
+
+    float back[7];
+    ASSERT_EQ(kaloConvertHomogeneMatrixToDepl(f.get(), back, m), 0);
+    const Eigen::Quaterniond u = q.normalized();
+    const double sign = (back[3] * u.x() + back[4] * u.y() + back[5] * u.z() + back[6] * u.w()) < 0 ? -1 : 1;
+    for (int i = 0; i < 3; ++i)
+      ASSERT_EQ(back[i], pose[i]);
+    ASSERT_NEAR(back[3], sign * u.x(), 1e-5) << sample;
+    ASSERT_NEAR(back[4], sign * u.y(), 1e-5) << sample;
+    ASSERT_NEAR(back[5], sign * u.z(), 1e-5) << sample;
+    ASSERT_NEAR(back[6], sign * u.w(), 1e-5) << sample;
+  }
+
+  // The bottom row of the input matrix is not read.
+  ASSERT_EQ(kaloConvertDeplToHomogeneMatrix(f.get(), identity, m), 0);
+  m[3] = m[7] = m[11] = 5.0f;
+  m[15] = -3.0f;
+  float back[7];
+  ASSERT_EQ(kaloConvertHomogeneMatrixToDepl(f.get(), back, m), 0);
+  EXPECT_EQ(back[6], 1.0f);
+  EXPECT_EQ(back[3], 0.0f);
 }
