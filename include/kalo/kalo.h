@@ -113,10 +113,108 @@ KALO_API int32_t kaloStopLoop(KaloContext *context);
 
 /* ---- Device state readout and diagnostics --------------------------------- */
 
-/* Takes the controller's axis count (field 69) into the context. Returns 0. */
+/* Everything below returns what the last state frame held and sends nothing. */
+
+/* *pressed = 1 while button (1..16) is down, else 0 (0 for any other number). */
+KALO_API int32_t kaloGetButton(KaloContext *context, uint32_t button, uint32_t *pressed);
+/* The emergency-stop button (16); returns 0. */
+KALO_API int32_t kaloGetEmergencyStop(KaloContext *context, uint32_t *value);
+/* The dead-man button (15); returns 0. */
+KALO_API int32_t kaloGetDeadMan(KaloContext *context, uint32_t *value);
+/* Blocks until button is pressed: a button already held must be released and
+ * pressed again. No time-out. */
+KALO_API int32_t kaloWaitPressButton(KaloContext *context, uint32_t button);
+/* *on = 1 while the arm's power is on. */
+KALO_API int32_t kaloGetPowerOn(KaloContext *context, uint32_t *on);
+/* *word = the drive failure word, bit k set when drive k+1 has failed. */
+KALO_API int32_t kaloGetFailure(KaloContext *context, uint32_t *word);
+/* *failed = 1 and -1 with code 11 (context and kaloGlobalError) when a drive has
+ * failed, the lowest one being named on the output stream; else 0 and 0. */
+KALO_API int32_t kaloGetError(KaloContext *context, uint32_t *failed);
+/* Prints the OK/NOK state of the eight drives on the output stream. */
+KALO_API int32_t kaloDisplayHardwareStatus(KaloContext *context);
+/* *alarm = the alarm bits (14..31) of the status word, bit 17 also set after a
+ * periodic-loop overrun. */
+KALO_API int32_t kaloGetAlarm(KaloContext *context, uint32_t *alarm);
+/* *bounds = the bound indicators (bits 0..13) of the status word. */
+KALO_API int32_t kaloIsInBounds(KaloContext *context, uint32_t *bounds);
+/* *shift = 1 while the arm is in its shift position. */
+KALO_API int32_t kaloIsInShiftPosition(KaloContext *context, uint32_t *shift);
+/* The trackball's two position members. */
+KALO_API int32_t kaloGetTrackball(KaloContext *context, uint32_t *x, uint32_t *y);
+/* The trackball's four button members. */
+KALO_API int32_t kaloGetTrackballButton(KaloContext *context, uint32_t *a, uint32_t *b,
+                                        uint32_t *c, uint32_t *d);
+/* *value = analog-to-digital converter index (1..3); -1 with code 9 otherwise. */
+KALO_API int32_t kaloGetADC(KaloContext *context, int32_t index, float *value);
+/* *inputs = the digital input word (controllers above 5.59, else 20). */
+KALO_API int32_t kaloGetTorInputs(KaloContext *context, uint32_t *inputs);
+/* inputs[7] = the analog inputs (controllers above 5.59, else 20). */
+KALO_API int32_t kaloGetAnalogicInputs(KaloContext *context, float inputs[7]);
+/* The pointer emulation state and position sent by the controller. */
+KALO_API int32_t kaloGetMouseState(KaloContext *context, int32_t *state, float *x, float *y);
+/* axis[3] = the axis of rotation reported by the controller. */
+KALO_API int32_t kaloGetAxisOfRotation(KaloContext *context, float axis[3]);
+/* centre[7] = the sphere centre reported by the controller (a displacement). */
+KALO_API int32_t kaloGetCenterSphere(KaloContext *context, float centre[7]);
+/* Takes the controller's axis count as the count of every joint-space call;
+ * returns 0 (the count is read with kaloGetNbAxes). */
 KALO_API int32_t kaloGetNumberOfAxes(KaloContext *context);
+/* *count = the axis count of the last state frame. */
+KALO_API int32_t kaloGetNbAxes(KaloContext *context, uint32_t *count);
+/* values[axis count] = joint positions (controllers above 3.55, else 20). */
+KALO_API int32_t kaloGetArticularPosition(KaloContext *context, float *values);
+/* values[axis count] = joint speeds (controllers above 3.55, else 20). */
+KALO_API int32_t kaloGetArticularSpeed(KaloContext *context, float *values);
+/* *value = the additional axis's position. */
+KALO_API int32_t kaloGetArticularPositionOfAdditionalAxe(KaloContext *context, float *value);
+/* *value = the additional axis's speed. */
+KALO_API int32_t kaloGetArticularSpeedOfAdditionalAxe(KaloContext *context, float *value);
+/* matrix[16] (column-major 4x4) = the homogeneous form of depl[7]. */
+KALO_API int32_t kaloConvertDeplToHomogeneMatrix(KaloContext *context, const float depl[7],
+                                                 float matrix[16]);
+/* depl[7] = the displacement of the column-major homogeneous matrix[16]. */
+KALO_API int32_t kaloConvertHomogeneMatrixToDepl(KaloContext *context, float depl[7],
+                                                 const float matrix[16]);
 
 /* ---- Virtual mechanisms --------------------------------------------------- */
+
+/* Every call needs command type 5 (code 17 otherwise). */
+
+/* Switches the controller's virtual mechanism on. */
+KALO_API int32_t kaloVmActivate(KaloContext *context);
+/* Switches it off. */
+KALO_API int32_t kaloVmDeactivate(KaloContext *context);
+/* Chooses the mechanism type (1: spline trajectory). */
+KALO_API int32_t kaloVmSetType(KaloContext *context, uint32_t type);
+/* Sets the mechanism's base frame (code 19 before any command type was set). */
+KALO_API int32_t kaloVmSetBaseFrame(KaloContext *context, const float frame[7]);
+/* Asks the controller for the mechanism's base frame (code 6 without reply). */
+KALO_API int32_t kaloVmGetBaseFrame(KaloContext *context, float frame[7]);
+/* Lower joint bounds, one per axis up to ten. */
+KALO_API int32_t kaloVmSetMinArtiBounds(KaloContext *context, const float bounds[10]);
+/* Upper joint bounds, one per axis up to ten. */
+KALO_API int32_t kaloVmSetMaxArtiBounds(KaloContext *context, const float bounds[10]);
+/* Outside the mechanism the arm holds its Cartesian position. */
+KALO_API int32_t kaloVmSetDefaultToCartesianPosition(KaloContext *context);
+/* Outside the mechanism the arm is transparent. */
+KALO_API int32_t kaloVmSetDefaultToTransparentMode(KaloContext *context);
+/* Takes the arm's current frame as the mechanism's base frame. */
+KALO_API int32_t kaloVmSetBaseFrameToCurrentFrame(KaloContext *context);
+/* Sets the controller-defined robot mode. */
+KALO_API int32_t kaloVmSetRobotMode(KaloContext *context, uint32_t mode);
+/* Saves the current spline under name (at most 31 characters; type 1 only, else 21). */
+KALO_API int32_t kaloVmSaveCurrentSpline(KaloContext *context, const char *name);
+/* Loads the spline called name (same rules). */
+KALO_API int32_t kaloVmLoadSpline(KaloContext *context, const char *name);
+/* Deletes the spline called name (same rules). */
+KALO_API int32_t kaloVmDeleteSpline(KaloContext *context, const char *name);
+/* Asks for count (1..3000) trajectory samples. */
+KALO_API int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count);
+/* Waits for the samples asked for and copies them, 7 floats each (type 1 only). */
+KALO_API int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples);
+/* Asks the controller for its upper-bound signal and blocks until it comes. */
+KALO_API int32_t kaloVmWaitUpperBound(KaloContext *context);
 
 /* ---- Virtual objects ------------------------------------------------------ */
 
@@ -124,6 +222,44 @@ KALO_API int32_t kaloGetNumberOfAxes(KaloContext *context);
 KALO_API int32_t kaloDetachVO(KaloContext *context);
 
 /* ---- Joint space, additional axis and device outputs ---------------------- */
+
+/* Version-gated calls return the bare 20 on a controller at or below their
+ * threshold. Joint arrays hold one value per axis (kaloGetNumberOfAxes). */
+
+/* Joint position set-points (controllers above 3.55). */
+KALO_API int32_t kaloSetArticularPosition(KaloContext *context, const float *q);
+/* Joint speed set-points (controllers above 3.55). */
+KALO_API int32_t kaloSetArticularSpeed(KaloContext *context, const float *q);
+/* Joint torques (controllers above 3.55). */
+KALO_API int32_t kaloSetArticularForce(KaloContext *context, const float *q);
+/* Additional axis position (controllers above 3.1). */
+KALO_API int32_t kaloSetArticularPositionOfAdditionalAxe(KaloContext *context, const float *value);
+/* Additional axis speed (controllers above 3.1). */
+KALO_API int32_t kaloSetArticularSpeedOfAdditionalAxe(KaloContext *context, const float *value);
+/* Additional axis force (controllers above 3.1). */
+KALO_API int32_t kaloSetArticularForceOfAdditionalAxe(KaloContext *context, const float *value);
+/* Gripper command type (controllers above 3.6). */
+KALO_API int32_t kaloSetGripperCommandType(KaloContext *context, uint32_t type);
+/* Digital output word (controllers above 5.2). */
+KALO_API int32_t kaloOutputsSetting(KaloContext *context, uint32_t outputs);
+/* The seven PWM outputs (controllers above 5.3). */
+KALO_API int32_t kaloSetPwmOutput(KaloContext *context, const float pwm[7]);
+/* The five finger-tip speeds (controllers above 5.8). */
+KALO_API int32_t kaloSetFingerTipSpeed(KaloContext *context, const float speed[5]);
+/* The three friction values, in argument order. */
+KALO_API int32_t kaloSetFrictionForce(KaloContext *context, float a, float b, float c);
+/* Asks the controller to write its debug file. */
+KALO_API int32_t kaloGenerateDebugFile(KaloContext *context);
+/* Texture contact points (the translations of position[7 x points]) with their
+ * intensities in [0, 1] (the bare 9 otherwise, nothing recorded); command type
+ * 2 or above (17 otherwise). */
+KALO_API int32_t kaloSetTexture(KaloContext *context, const float *position, const float *intensity,
+                                int32_t flag);
+/* Texture wrenches, 6 floats per control point; a non-finite value closes the
+ * connection (code 9 in kaloGlobalError). */
+KALO_API int32_t kaloSetTextureForce(KaloContext *context, const float *wrench);
+/* *gray = 0.299 R + 0.587 G + 0.114 B; needs no connection. */
+KALO_API int32_t kaloConvertRGBToGrayscale(KaloContext *context, const float rgb[3], float *gray);
 
 /* ---- Mouse emulation ------------------------------------------------------ */
 

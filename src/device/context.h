@@ -128,11 +128,12 @@ struct KaloContext {
   // ---- virtual objects
   int32_t attached_object_count;
 
-  // ---- state readout: the button watched by kaloWaitPressButton
-  uint32_t wait_button;
-  uint32_t wait_armed;
-  uint32_t button_now;
-  uint32_t button_previous;
+  // ---- state readout: the button watched by kaloWaitPressButton (the waiting
+  // thread arms it, the exchange thread checks it on every buttons item)
+  std::atomic<uint32_t> wait_button;
+  std::atomic<uint32_t> wait_armed;
+  std::atomic<uint32_t> button_now;
+  std::atomic<uint32_t> button_previous;
 
   // ---- virtual mechanisms
   uint32_t vm_active;

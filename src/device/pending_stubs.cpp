@@ -11,45 +11,11 @@
 
 extern "C" {
 
-// Real version (state readout): the same edge check, reading the button through kaloGetButton.
-int32_t CheckPressButton(KaloContext *context) {
-  if (!kalo::enter(context))
-    return -1;
-  KaloContext *ctx = context;
-  kalo::ContextLock hold(ctx);
-  uint32_t now = 0;
-  const uint32_t button = ctx->wait_button;
-  if (button >= 1 && button <= 16)
-    now = (static_cast<uint32_t>(static_cast<uint16_t>(ctx->state_record.buttons)) >> (button - 1)) & 1u;
-  ctx->button_now = now;
-  if (ctx->wait_armed != 0 && now == 1 && ctx->button_previous == 0) {
-    TR_poster_semaphore(ctx->button_sem);
-    ctx->wait_armed = 0;
-  }
-  ctx->button_previous = now;
-  return 0;
-}
-
 // Real version (parameters): the same query of item 56.
 int32_t getMaxSpeed(KaloContext *context) {
   return kalo::query_call(context, 56, [](KaloContext &ctx) {
     ctx.max_linear_speed = ctx.state_record.max_speed[0];
     ctx.max_angular_speed = ctx.state_record.max_speed[1];
-  });
-}
-
-// Real version (state readout): the same copy of field 69.
-int32_t kaloGetNumberOfAxes(KaloContext *context) {
-  return kalo::locked_call(context, [](KaloContext &ctx) {
-    int32_t axes = ctx.state_record.axis_count_wire;
-    // The joint arrays hold kArticularRoom values: a larger count from the wire is clamped.
-    if (axes < 0)
-      axes = 0;
-    if (axes > kalo::kArticularRoom)
-      axes = kalo::kArticularRoom;
-    ctx.axis_count = axes;
-    ctx.command_record.axis_count_wire = axes;
-    return KALO_NO_ERROR;
   });
 }
 

@@ -1,0 +1,184 @@
+// Joint-space set-points, the additional axis, the gripper, the device's
+// outputs (digital word, PWM, finger-tip speeds), friction, the controller's
+// debug file and textures. Each call writes its command field and posts it;
+// most exist only on newer controllers and answer older ones with the bare 20.
+#include <cmath>
+#include <cstring>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "kalo/kalo.h"
+
+namespace {
+
+// Joint set-points exist from controller 3.56 on, and on the one 2.33 build;
+// the equality is kept against the double although a float version never
+// equals it exactly.
+inline bool articular_refused(const KaloContext *ctx) {
+  if (ctx == nullptr)
+    return false;
+  const double v = static_cast<double>(ctx->controller_version);
+  return !(v > 3.55 || v == 2.33);
+}
+
+inline size_t axis_values(const KaloContext &c) {
+  const int32_t n = c.axis_count;
+  return static_cast<size_t>(n < 0 ? 0 : (n > kalo::kArticularRoom ? kalo::kArticularRoom : n));
+}
+
+// One joint array (axis_count values) into field `field` of the command record.
+int set_articular(KaloContext *ctx, const float *q, float (ExchangeRecord::*member)[kalo::kArticularRoom],
+                  int field) {
+  if (articular_refused(ctx))
+    return KALO_ERROR_INCOMPATIBLE_VERSION;
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (q == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.*member, q, sizeof(float) * axis_values(c));
+    kalo::post_field(c.command_record, field);
+    return 0;
+  });
+}
+
+// One float of the additional axis (controllers above 3.1).
+int set_additional_axis(KaloContext *ctx, const float *value, float ExchangeRecord::*member,
+                        int field) {
+  return kalo::gated_call(ctx, 3.1, [&](KaloContext &c) {
+    if (value == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    c.command_record.*member = *value;
+    kalo::post_field(c.command_record, field);
+    return 0;
+  });
+}
+
+inline bool in_unit_range(float x) { return x >= 0.0f && x <= 1.0f; }
+
+} // namespace
+
+extern "C" {
+
+int32_t kaloSetArticularPosition(KaloContext *context, const float *q) {
+  return set_articular(context, q, &ExchangeRecord::articular_position, 70);
+}
+
+int32_t kaloSetArticularSpeed(KaloContext *context, const float *q) {
+  return set_articular(context, q, &ExchangeRecord::articular_speed, 71);
+}
+
+int32_t kaloSetArticularForce(KaloContext *context, const float *q) {
+  return set_articular(context, q, &ExchangeRecord::articular_force, 72);
+}
+
+int32_t kaloSetArticularPositionOfAdditionalAxe(KaloContext *context, const float *value) {
+  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_position, 73);
+}
+
+int32_t kaloSetArticularSpeedOfAdditionalAxe(KaloContext *context, const float *value) {
+  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_speed, 74);
+}
+
+int32_t kaloSetArticularForceOfAdditionalAxe(KaloContext *context, const float *value) {
+  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_force, 81);
+}
+
+int32_t kaloSetGripperCommandType(KaloContext *context, uint32_t type) {
+  return kalo::gated_call(context, 3.6, [&](KaloContext &c) {
+    c.command_record.gripper_command_type = static_cast<int32_t>(type);
+    kalo::post_field(c.command_record, 86);
+    return 0;
+  });
+}
+
+int32_t kaloOutputsSetting(KaloContext *context, uint32_t outputs) {
+  return kalo::gated_call(context, 5.2, [&](KaloContext &c) {
+    c.command_record.outputs = static_cast<int32_t>(outputs);
+    kalo::post_field(c.command_record, 87);
+    return 0;
+  });
+}
+
+int32_t kaloSetPwmOutput(KaloContext *context, const float pwm[7]) {
+  return kalo::gated_call(context, 5.3, [&](KaloContext &c) {
+    if (pwm == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.pwm_output, pwm, sizeof c.command_record.pwm_output);
+    kalo::post_field(c.command_record, 89);
+    return 0;
+  });
+}
+
+int32_t kaloSetFingerTipSpeed(KaloContext *context, const float speed[5]) {
+  return kalo::gated_call(context, 5.8, [&](KaloContext &c) {
+    if (speed == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.finger_tip_speed, speed, sizeof c.command_record.finger_tip_speed);
+    kalo::post_field(c.command_record, 92);
+    return 0;
+  });
+}
+
+int32_t kaloSetFrictionForce(KaloContext *context, float a, float b, float c) {
+  return kalo::locked_call(context, [&](KaloContext &k) {
+    k.command_record.friction_force[0] = a;
+    k.command_record.friction_force[1] = b;
+    k.command_record.friction_force[2] = c;
+    kalo::post_field(k.command_record, 62);
+    return 0;
+  });
+}
+
+int32_t kaloGenerateDebugFile(KaloContext *context) {
+  return kalo::locked_call(context, [](KaloContext &c) {
+    kalo::post_field(c.command_record, 63);
+    return 0;
+  });
+}
+
+// An intensity outside [0, 1] answers the bare 9 and records nothing; the
+// points written before it stay written (unposted until a later success).
+// The record holds one control point: further points are checked but have no
+// room on the wire.
+int32_t kaloSetTexture(KaloContext *context, const float *position, const float *intensity,
+                       int32_t flag) {
+  if (!kalo::enter(context))
+    return -1;
+  if (position == nullptr || intensity == nullptr) {
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  kalo::ContextLock hold(context);
+  if (context->active_command_type < 2) {
+    context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
+    return -1;
+  }
+  const int32_t points = context->control_point_count;
+  if (points >= 1 && !in_unit_range(intensity[0]))
+    return KALO_ERROR_INCORRECT_VALUE;
+  ExchangeRecord &r = context->command_record;
+  for (int32_t i = 0; i < points; ++i) {
+    if (i < kalo::kControlPointRoom) {
+      std::memcpy(r.texture + 3 * i, position + 7 * i, 3 * sizeof(float));
+      r.texture_intensity = intensity[i];
+    }
+    r.texture_flag = static_cast<int16_t>(flag);
+    if (i + 1 < points && !in_unit_range(intensity[i + 1]))
+      return KALO_ERROR_INCORRECT_VALUE;
+  }
+  kalo::post_field(r, 17);
+  return 0;
+}
+
+// 0.299 R + 0.587 G + 0.114 B, rounded the way intensities have always been:
+// the weighted sum in double, rounded to float, then scaled in float.
+int32_t kaloConvertRGBToGrayscale(KaloContext *context, const float rgb[3], float *gray) {
+  (void)context;
+  if (rgb == nullptr || gray == nullptr)
+    return -1;
+  const double sum = static_cast<double>(rgb[0]) * 29.9 + static_cast<double>(rgb[1]) * 58.7 +
+                     static_cast<double>(rgb[2]) * 11.4;
+  *gray = static_cast<float>(sum) / 100.0f;
+  return 0;
+}
+
+} // extern "C"

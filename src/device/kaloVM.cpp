@@ -1,0 +1,260 @@
+// Virtual mechanisms: constraints that the controller imposes on the arm
+// itself (a guiding spline, joint bounds), chosen and configured from here.
+// The library forwards the settings, remembers the last ones, and offers two
+// waits: for a batch of trajectory samples and for the upper-bound signal.
+// Every call needs command type 5.
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "kalo/kalo.h"
+
+namespace {
+
+constexpr uint32_t kVmCommandType = 5;
+constexpr uint32_t kSplineMechanism = 1;
+constexpr int32_t kMaxTrajSamples = kalo::kTrajSampleRoom;
+
+// A sampling run waits this long for its first sample, then this long for
+// each next one; a stream that stops early leaves the rest of the batch as the
+// array held it. The gap is generous so that a loaded machine does not cut a
+// healthy stream short.
+constexpr int kFirstSampleTimeoutMs = 3000;
+constexpr int kNextSampleTimeoutMs = 500;
+
+// Runs work under the call frame once the command type is known to be 5.
+template <class Work> int vm_call(KaloContext *ctx, Work &&work) {
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (c.active_command_type != kVmCommandType)
+      return KALO_ERROR_WRONG_COMMAND_MODE;
+    return work(c);
+  });
+}
+
+// Posts one field whose value the caller has stored.
+template <class Store> int vm_post(KaloContext *ctx, int field, Store &&store) {
+  return vm_call(ctx, [&](KaloContext &c) {
+    store(c);
+    kalo::post_field(c.command_record, field);
+    return 0;
+  });
+}
+
+// The three spline calls share the name member; a name that does not fit its
+// 32 bytes (terminator included) is refused and nothing is sent.
+int spline_call(KaloContext *ctx, const char *name, int field) {
+  return vm_call(ctx, [&](KaloContext &c) {
+    if (c.vm_current_type != kSplineMechanism)
+      return KALO_ERROR_INCORRECT_VM;
+    if (name == nullptr || strnlen(name, kalo::kSplineNameRoom) >= kalo::kSplineNameRoom)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memset(c.command_record.spline_name, 0, sizeof c.command_record.spline_name);
+    std::memcpy(c.command_record.spline_name, name, std::strlen(name));
+    kalo::post_field(c.command_record, field);
+    return 0;
+  });
+}
+
+// Waits for a post of s for at most ms milliseconds; false on time-out.
+bool timed_wait(TR_SEMAPHORE *s, int ms) {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += ms / 1000;
+  deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec++;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  for (;;) {
+    if (sem_timedwait(&s->u.semaphore, &deadline) == 0)
+      return true;
+    if (errno != EINTR)
+      return false;
+  }
+}
+
+// The batch size a controller may have changed by sending item 30 itself,
+// kept within the sample array.
+inline int32_t batch_size(const KaloContext &c) {
+  const int32_t n = c.state_record.traj_sample_count;
+  return n < 0 ? 0 : (n > kMaxTrajSamples ? kMaxTrajSamples : n);
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t kaloVmActivate(KaloContext *context) {
+  return vm_post(context, 27, [](KaloContext &c) {
+    c.vm_active = 1;
+    c.command_record.vm_activate = 1;
+  });
+}
+
+int32_t kaloVmDeactivate(KaloContext *context) {
+  return vm_post(context, 27, [](KaloContext &c) {
+    c.vm_active = 0;
+    c.command_record.vm_activate = 0;
+  });
+}
+
+int32_t kaloVmSetType(KaloContext *context, uint32_t type) {
+  return vm_post(context, 28, [&](KaloContext &c) {
+    c.vm_current_type = type;
+    c.command_record.vm_type = static_cast<char>(type);
+  });
+}
+
+int32_t kaloVmSetBaseFrame(KaloContext *context, const float frame[7]) {
+  return vm_call(context, [&](KaloContext &c) {
+    if (c.command_type_set != 1)
+      return KALO_ERROR_WRONG_MOMENT;
+    if (frame == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.vm_base_frame, frame, sizeof c.command_record.vm_base_frame);
+    kalo::post_field(c.command_record, 32);
+    return 0;
+  });
+}
+
+int32_t kaloVmGetBaseFrame(KaloContext *context, float frame[7]) {
+  if (vm_call(context, [&](KaloContext &) {
+        return frame == nullptr ? KALO_ERROR_INCORRECT_VALUE : 0;
+      }) != 0)
+    return -1;
+  return kalo::query_call(context, 32, [&](KaloContext &c) {
+    std::memcpy(frame, c.state_record.vm_base_frame, sizeof c.state_record.vm_base_frame);
+  });
+}
+
+int32_t kaloVmSetMinArtiBounds(KaloContext *context, const float bounds[10]) {
+  return vm_call(context, [&](KaloContext &c) {
+    if (bounds == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.vm_min_arti_bounds, bounds,
+                sizeof c.command_record.vm_min_arti_bounds);
+    kalo::post_field(c.command_record, 33);
+    return 0;
+  });
+}
+
+int32_t kaloVmSetMaxArtiBounds(KaloContext *context, const float bounds[10]) {
+  return vm_call(context, [&](KaloContext &c) {
+    if (bounds == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.vm_max_arti_bounds, bounds,
+                sizeof c.command_record.vm_max_arti_bounds);
+    kalo::post_field(c.command_record, 34);
+    return 0;
+  });
+}
+
+int32_t kaloVmSetDefaultToCartesianPosition(KaloContext *context) {
+  return vm_post(context, 42, [](KaloContext &c) {
+    c.command_record.vm_default_mode = 0;
+    c.vm_default_mode_copy = 0;
+  });
+}
+
+int32_t kaloVmSetDefaultToTransparentMode(KaloContext *context) {
+  return vm_post(context, 42, [](KaloContext &c) {
+    c.command_record.vm_default_mode = 1;
+    c.vm_default_mode_copy = 1;
+  });
+}
+
+int32_t kaloVmSetBaseFrameToCurrentFrame(KaloContext *context) {
+  return vm_post(context, 43, [](KaloContext &) {});
+}
+
+int32_t kaloVmSetRobotMode(KaloContext *context, uint32_t mode) {
+  return vm_post(context, 45, [&](KaloContext &c) {
+    c.command_record.vm_robot_mode = static_cast<int32_t>(mode);
+  });
+}
+
+int32_t kaloVmSaveCurrentSpline(KaloContext *context, const char *name) {
+  return spline_call(context, name, 46);
+}
+
+int32_t kaloVmLoadSpline(KaloContext *context, const char *name) {
+  return spline_call(context, name, 47);
+}
+
+int32_t kaloVmDeleteSpline(KaloContext *context, const char *name) {
+  return spline_call(context, name, 48);
+}
+
+// A new run discards the previous batch: samples are stored from the start of
+// the array again, and sample signals left over from an earlier run are
+// dropped so that they cannot stand for samples of this one.
+int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count) {
+  return vm_call(context, [&](KaloContext &c) {
+    if (count < 1 || count > kMaxTrajSamples)
+      return KALO_ERROR_INCORRECT_VALUE;
+    c.command_record.traj_sample_count = count;
+    c.state_record.traj_sample_count = count;
+    c.state_record.list_index = 0;
+    while (TR_tester_semaphore(c.traj_sample_sem) == 0) {
+    }
+    kalo::post_field(c.command_record, 30);
+    return 0;
+  });
+}
+
+int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples) {
+  int32_t count = 0;
+  int32_t received = 0;
+  const int checked = vm_call(context, [&](KaloContext &c) {
+    if (c.vm_current_type != kSplineMechanism)
+      return KALO_ERROR_INCORRECT_VM;
+    if (samples == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    count = batch_size(c);
+    received = c.state_record.list_index;
+    return 0;
+  });
+  if (checked != 0)
+    return -1;
+
+  // The exchange thread signals each frame that carried a sample; wait
+  // without the lock until the batch is complete or the stream stops.
+  if (received < count) {
+    if (!timed_wait(context->traj_sample_sem, kFirstSampleTimeoutMs))
+      return -1;
+    for (int32_t i = 1; i < count; ++i) {
+      {
+        kalo::ContextLock hold(context);
+        if (context->state_record.list_index >= count)
+          break;
+      }
+      if (!timed_wait(context->traj_sample_sem, kNextSampleTimeoutMs))
+        break;
+    }
+  }
+
+  // The batch size read before the wait is the one the caller's array holds.
+  kalo::ContextLock hold(context);
+  if (context->state_record.traj_samples != nullptr)
+    std::memcpy(samples, context->state_record.traj_samples,
+                sizeof(float) * 7 * static_cast<size_t>(count));
+  return 0;
+}
+
+int32_t kaloVmWaitUpperBound(KaloContext *context) {
+  const int posted = vm_call(context, [](KaloContext &c) {
+    if (c.vm_current_type > kSplineMechanism)
+      return KALO_ERROR_INCORRECT_VM;
+    if (c.vm_active == 0)
+      return KALO_ERROR_WRONG_MOMENT;
+    kalo::post_field(c.command_record, 49);
+    return 0;
+  });
+  if (posted != 0)
+    return -1;
+  return TR_attendre_semaphore(context->upper_bound_sem);
+}
+
+} // extern "C"

@@ -1,0 +1,144 @@
+// One simulator and one library connection shared by the tests of a fixture
+// (opening and closing take seconds), with the helpers that wait for the
+// library to catch up with the simulator and check what it sent.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <initializer_list>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "kalo/kalo.h"
+#include "simulator.h"
+
+namespace readout_it {
+
+using namespace std::chrono_literals;
+
+// True once pred() holds, polling every millisecond; false after timeout.
+inline bool eventually(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 2000ms) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > end)
+      return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// The command type is the library's own memory of it; these calls only
+// consult that memory, so the tests set it as kaloSetCommandType leaves it.
+inline void assume_command_type(KaloContext *ctx, uint32_t type) {
+  kalo::ContextLock hold(ctx);
+  ctx->active_command_type = type;
+  ctx->command_type_set = 1;
+}
+
+// Sends the context's diagnostics to a temporary file while alive.
+class CapturedOutput {
+public:
+  explicit CapturedOutput(KaloContext *ctx) : ctx_(ctx), file_(std::tmpfile()) {
+    kalo::ContextLock hold(ctx_);
+    saved_ = ctx_->output_stream;
+    ctx_->output_stream = file_;
+  }
+  ~CapturedOutput() {
+    {
+      kalo::ContextLock hold(ctx_);
+      ctx_->output_stream = saved_;
+    }
+    std::fclose(file_);
+  }
+  CapturedOutput(const CapturedOutput &) = delete;
+  CapturedOutput &operator=(const CapturedOutput &) = delete;
+  std::string text() {
+    std::fflush(file_);
+    std::string all;
+    std::rewind(file_);
+    char buf[512];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, file_)) > 0)
+      all.append(buf, n);
+    return all;
+  }
+
+private:
+  KaloContext *ctx_;
+  FILE *file_;
+  FILE *saved_ = nullptr;
+};
+
+// Fixture base: Remote is the simulator's port, Local the library's.
+template <uint16_t Remote, uint16_t Local> class SimulatedDevice : public ::testing::Test {
+protected:
+  static inline kalo::sim::Simulator *sim = nullptr;
+  static inline KaloContext *ctx = nullptr;
+
+  static void SetUpTestSuite() {
+    kalo::sim::Config cfg;
+    cfg.port = Remote;
+    sim = new kalo::sim::Simulator(cfg);
+    std::string why;
+    ASSERT_TRUE(sim->start(&why)) << why;
+    const std::string url = "udpxdr://127.0.0.1:" + std::to_string(Local) + "#" + std::to_string(Remote);
+    ctx = kaloOpen(url.c_str());
+    ASSERT_NE(ctx, nullptr) << "kaloOpen: " << kaloGetErrorMessage(kaloGlobalError);
+  }
+  static void TearDownTestSuite() {
+    if (ctx != nullptr)
+      EXPECT_EQ(kaloClose(ctx), 0);
+    ctx = nullptr;
+    delete sim;
+    sim = nullptr;
+  }
+
+  void SetUp() override {
+    ASSERT_NE(ctx, nullptr);
+    (void)sim->take_received();
+    (void)kaloGetErrorCode(ctx);
+  }
+
+  // A test leaves nothing unexpected on the wire: what it asked for was taken
+  // by expect_sent; anything else reaching the simulator is a stray frame.
+  void TearDown() override {
+    if (ctx == nullptr)
+      return;
+    sim->wait_for_frames_sent(sim->stats().frames_sent + 5, 1000ms);
+    for (const auto &f : sim->take_received()) {
+      std::string ids;
+      for (int id : f.ids)
+        ids += std::to_string(id) + " ";
+      ADD_FAILURE() << "unexpected frame carrying " << ids;
+    }
+  }
+
+  // Waits until the library has sent every identifier of `wanted` (the time
+  // stamp 1 goes with every frame) and fails on any other. Returns the
+  // simulator's accumulated command record.
+  ExchangeRecord expect_sent(std::initializer_list<int> wanted, std::chrono::milliseconds timeout = 2000ms) {
+    std::set<int> missing(wanted);
+    std::set<int> allowed(wanted);
+    allowed.insert(1);
+    const bool done = eventually(
+        [&] {
+          for (const auto &f : sim->take_received())
+            for (int id : f.ids) {
+              EXPECT_TRUE(allowed.count(id)) << "unexpected field " << id << " sent";
+              missing.erase(id);
+            }
+          return missing.empty();
+        },
+        timeout);
+    EXPECT_TRUE(done) << "field " << (missing.empty() ? 0 : *missing.begin()) << " never sent";
+    return sim->last_command();
+  }
+};
+
+} // namespace readout_it

@@ -1,0 +1,76 @@
+// A connected context without a network, for the readout, virtual-mechanism
+// and joint-space calls: the test plays the exchange thread by writing the
+// state record and posting the semaphores itself.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+
+namespace readout_test {
+
+struct FakeContext {
+  std::unique_ptr<KaloContext> ctx = std::make_unique<KaloContext>();
+  std::unique_ptr<float[][7]> samples = std::make_unique<float[][7]>(kalo::kTrajSampleRoom);
+
+  FakeContext() {
+    KaloContext &c = *ctx;
+    c.magic = kalo::kContextMagic;
+    c.lock = TR_creer_semaphore_mutex();
+    c.reply_sem = TR_creer_semaphore_synchro();
+    c.traj_sample_sem = TR_creer_semaphore_synchro();
+    c.button_sem = TR_creer_semaphore_synchro();
+    c.upper_bound_sem = TR_creer_semaphore_synchro();
+    c.connected = 1;
+    c.controller_version = 6.0f;
+    c.control_point_count = 1;
+    c.axis_count = 6;
+    c.vm_default_mode_copy = -1;
+    c.state_record.traj_samples = samples.get();
+    c.output_stream = std::tmpfile();
+  }
+  ~FakeContext() {
+    KaloContext &c = *ctx;
+    for (TR_SEMAPHORE *s : {c.lock, c.reply_sem, c.traj_sample_sem, c.button_sem, c.upper_bound_sem})
+      TR_detruire_semaphore(s);
+    if (c.output_stream != nullptr)
+      std::fclose(c.output_stream);
+  }
+  FakeContext(const FakeContext &) = delete;
+  FakeContext &operator=(const FakeContext &) = delete;
+
+  KaloContext *get() { return ctx.get(); }
+  KaloContext *operator->() { return ctx.get(); }
+
+  // Everything written to the output stream so far.
+  std::string output() {
+    FILE *f = ctx->output_stream;
+    std::fflush(f);
+    const long end = std::ftell(f);
+    std::string text(static_cast<size_t>(end), '\0');
+    std::rewind(f);
+    const size_t got = std::fread(text.data(), 1, text.size(), f);
+    text.resize(got);
+    std::fseek(f, 0, SEEK_END);
+    return text;
+  }
+
+  // The identifiers marked for the next command frame.
+  std::string posted() const {
+    std::string ids;
+    for (int id = 1; id <= kalo::kFieldCount; ++id)
+      if (ctx->command_record.field_changed[id] != 0)
+        ids += (ids.empty() ? "" : ",") + std::to_string(id);
+    return ids;
+  }
+  void clear_posted() { kalo::clear_changes(ctx->command_record); }
+};
+
+} // namespace readout_test
