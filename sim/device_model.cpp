@@ -109,8 +109,8 @@ Twist DeviceModel::wrench(double t, float dt, const ModelInputs &in) const {
         pull_position = true;
       }
     }
-    if (pull_position && finite(k) && std::all_of(in.target.begin(), in.target.end(),
-                                                  [](float x) { return std::isfinite(x); })) {
+    if (pull_position && finite(k) &&
+        std::all_of(in.target.begin(), in.target.end(), [](float x) { return std::isfinite(x); })) {
       const Vec3 rot = rotation_error(pose_, in.target);
       for (int i = 0; i < 3; ++i) {
         w[i] += std::clamp(k[i], 0.f, k_lin_max) * (in.target[i] - pose_[i]);
@@ -127,7 +127,8 @@ Twist DeviceModel::wrench(double t, float dt, const ModelInputs &in) const {
 
   if (hand_.path != HandPath::None) {
     const double omega = kTwoPi * hand_.frequency_hz;
-    const auto c = static_cast<float>(std::cos(omega * t)), s = static_cast<float>(std::sin(omega * t));
+    const auto c = static_cast<float>(std::cos(omega * t)),
+               s = static_cast<float>(std::sin(omega * t));
     Vec3 p{}, v{};
     const float r = hand_.radius, wr = static_cast<float>(omega) * hand_.radius;
     if (hand_.path == HandPath::Circle) {
@@ -155,7 +156,8 @@ void DeviceModel::step(double t, float dt, const ModelInputs &in) {
   const float m = params_.mass, inertia = params_.inertia;
   for (int i = 0; i < 3; ++i) {
     speed_[i] = (speed_[i] + dt * w[i] / m) / (1 + dt * params_.linear_damping / m);
-    speed_[i + 3] = (speed_[i + 3] + dt * w[i + 3] / inertia) / (1 + dt * params_.angular_damping / inertia);
+    speed_[i + 3] =
+        (speed_[i + 3] + dt * w[i + 3] / inertia) / (1 + dt * params_.angular_damping / inertia);
   }
   clamp_norm(&speed_[0], in.max_linear_speed);
   clamp_norm(&speed_[3], in.max_angular_speed);

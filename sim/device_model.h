@@ -44,14 +44,14 @@ ModeClass classify_mode(int mode_byte);
 struct ModelInputs {
   int mode_byte = 0;
   bool power = false;
-  Twist force{};          // item 16
-  Twist added_force{};    // item 80
-  Pose target{};          // item 14: set-point or virtual object pose
-  Twist target_speed{};   // item 15: set-point or virtual object speed
+  Twist force{};                    // item 16
+  Twist added_force{};              // item 80
+  Pose target{};                    // item 14: set-point or virtual object pose
+  Twist target_speed{};             // item 15: set-point or virtual object speed
   bool has_position_target = false; // a position set-point arrived in this mode
   bool has_speed_target = false;    // a speed set-point arrived (and is the latest)
-  Twist stiffness{};      // item 2 (linear xyz, angular xyz)
-  Twist damping{};        // item 3
+  Twist stiffness{};                // item 2 (linear xyz, angular xyz)
+  Twist damping{};                  // item 3
   float max_linear_speed = 1.f;
   float max_angular_speed = 3.f;
 };

@@ -7,15 +7,21 @@
 namespace kalo::sim {
 namespace {
 
-constexpr FieldLayout none(const char *name = "") { return FieldLayout{name, FieldRepeat::Once, 0, {}}; }
+constexpr FieldLayout none(const char *name = "") {
+  return FieldLayout{name, FieldRepeat::Once, 0, {}};
+}
 
 constexpr FieldLayout one(const char *name, std::size_t offset, ValueKind kind, uint8_t count = 1,
                           FieldRepeat repeat = FieldRepeat::Once) {
-  return FieldLayout{name, repeat, 1, {FieldSegment{static_cast<uint16_t>(offset), kind, count}, {}, {}}};
+  return FieldLayout{
+      name, repeat, 1, {FieldSegment{static_cast<uint16_t>(offset), kind, count}, {}, {}}};
 }
 
 #define AT(member) offsetof(ExchangeRecord, member)
-#define SEG(member, kind, count) FieldSegment{static_cast<uint16_t>(AT(member)), ValueKind::kind, count}
+#define SEG(member, kind, count)                                                                   \
+  FieldSegment {                                                                                   \
+    static_cast<uint16_t>(AT(member)), ValueKind::kind, count                                      \
+  }
 
 using K = ValueKind;
 using R = FieldRepeat;
@@ -39,8 +45,11 @@ constexpr std::array<FieldLayout, kFieldCount + 1> make_layouts() {
   t[14] = one("position", AT(position), K::F32, 7, R::PerPoint);
   t[15] = one("speed", AT(speed), K::F32, 6, R::PerPoint);
   t[16] = one("force", AT(force), K::F32, 6, R::PerPoint);
-  t[17] = FieldLayout{"texture", R::Texture, 3,
-                      {SEG(texture, F32, 3), SEG(texture_intensity, F32, 1), SEG(texture_flag, I16, 1)}};
+  t[17] = FieldLayout{
+      "texture",
+      R::Texture,
+      3,
+      {SEG(texture, F32, 3), SEG(texture_intensity, F32, 1), SEG(texture_flag, I16, 1)}};
   t[18] = one("texture_force", AT(texture_force), K::F32, 6, R::PerPoint);
   t[19] = one("indexing_mode", AT(indexing_mode), K::I8);
   t[20] = one("request", AT(request), K::I16);
@@ -77,10 +86,14 @@ constexpr std::array<FieldLayout, kFieldCount + 1> make_layouts() {
   t[54] = one("alarm", AT(alarm), K::I32);
   t[56] = one("max_speed", AT(max_speed), K::F32, 2);
   t[57] = none("energy_control_off");
-  t[58] = FieldLayout{"speed_control", R::Once, 2,
+  t[58] = FieldLayout{"speed_control",
+                      R::Once,
+                      2,
                       {SEG(speed_control.mode, I32, 1), SEG(speed_control.first, F32, 2), {}}};
   t[59] = one("speed_control_off", AT(speed_control.mode), K::I32);
-  t[60] = FieldLayout{"mouse_state", R::Once, 3,
+  t[60] = FieldLayout{"mouse_state",
+                      R::Once,
+                      3,
                       {SEG(mouse_state.state, I32, 1), SEG(mouse_state.x, F32, 2),
                        SEG(mouse_state.click_left, I32, 2)}};
   t[61] = none("stream_start");
@@ -103,9 +116,11 @@ constexpr std::array<FieldLayout, kFieldCount + 1> make_layouts() {
   t[79] = one("force_shift_button", AT(force_shift_button), K::I32);
   t[80] = one("added_force", AT(added_force), K::F32, 6);
   t[81] = one("additional_axis_force", AT(additional_axis_force), K::F32);
-  t[82] = FieldLayout{"rotation_speed_control", R::Once, 2,
-                      {SEG(rotation_speed_control.mode, I32, 1),
-                       SEG(rotation_speed_control.first, F32, 2), {}}};
+  t[82] = FieldLayout{
+      "rotation_speed_control",
+      R::Once,
+      2,
+      {SEG(rotation_speed_control.mode, I32, 1), SEG(rotation_speed_control.first, F32, 2), {}}};
   t[83] = one("rotation_speed_control_off", AT(rotation_speed_control.mode), K::I32);
   t[84] = one("force_in_speed_control", AT(force_in_speed_control), K::F32);
   t[85] = one("torque_in_speed_control", AT(torque_in_speed_control), K::F32);
@@ -138,13 +153,16 @@ constexpr std::size_t size_of(ValueKind k) {
   return 1;
 }
 
-unsigned positive(int32_t n) { return n > 0 ? static_cast<unsigned>(n) : 0u; }
+unsigned positive(int32_t n) {
+  return n > 0 ? static_cast<unsigned>(n) : 0u;
+}
 
 // Calls fn(kind, address) for each value of field id that has room in the
 // record, in wire order.
 template <class Rec, class Fn> void for_each_value(Rec &record, int id, Fn &&fn) {
   const FieldLayout &l = field_layout(id);
-  auto *base = reinterpret_cast<std::conditional_t<std::is_const_v<Rec>, const unsigned char, unsigned char> *>(&record);
+  auto *base = reinterpret_cast<
+      std::conditional_t<std::is_const_v<Rec>, const unsigned char, unsigned char> *>(&record);
   auto run = [&](const FieldSegment &s, std::size_t extra, unsigned count) {
     for (unsigned i = 0; i < count; ++i)
       fn(s.kind, base + s.offset + extra + i * size_of(s.kind));
@@ -176,9 +194,11 @@ template <class Rec, class Fn> void for_each_value(Rec &record, int id, Fn &&fn)
     break;
   case FieldRepeat::TrajSample:
     run(l.segments[0], 0, 1);
-    if (record.traj_samples != nullptr && record.list_index >= 0 && record.list_index < kTrajSampleRoom)
+    if (record.traj_samples != nullptr && record.list_index >= 0 &&
+        record.list_index < kTrajSampleRoom)
       for (int i = 0; i < 7; ++i)
-        fn(ValueKind::F32, reinterpret_cast<decltype(base)>(&record.traj_samples[record.list_index][i]));
+        fn(ValueKind::F32,
+           reinterpret_cast<decltype(base)>(&record.traj_samples[record.list_index][i]));
     break;
   }
 }

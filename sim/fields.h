@@ -27,9 +27,9 @@ struct FieldSegment {
 };
 
 struct FieldLayout {
-  const char *name;       // the member name, "" for identifiers not in use
+  const char *name; // the member name, "" for identifiers not in use
   FieldRepeat repeat;
-  uint8_t segment_count;  // 0: the identifier carries no value
+  uint8_t segment_count; // 0: the identifier carries no value
   FieldSegment segments[3];
 };
 

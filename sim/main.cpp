@@ -18,7 +18,9 @@ namespace {
 
 std::atomic<bool> g_stop{false};
 
-void on_signal(int) { g_stop = true; }
+void on_signal(int) {
+  g_stop = true;
+}
 
 const char kUsage[] = R"(Usage: kalo-sim [options]
 
@@ -113,7 +115,8 @@ std::vector<double> list(const std::string &text, const char *what, std::size_t 
   std::size_t start = 0;
   while (start <= text.size()) {
     const std::size_t comma = text.find(',', start);
-    const std::string item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    const std::string item =
+        text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
     out.push_back(number(item.c_str(), what));
     if (comma == std::string::npos)
       break;
@@ -125,10 +128,38 @@ std::vector<double> list(const std::string &text, const char *what, std::size_t 
 }
 
 enum Option {
-  kPeriod = 1000, kDuration, kVersion, kPoints, kAxes, kDeviceType, kSerial, kMaxSpeed, kMass,
-  kInertia, kDamping, kPowerOn, kHand, kHandRadius, kHandFrequency, kButtons, kFailure, kAlarm,
-  kInputs, kAnalog, kTrackball, kAdc, kJoints, kSet, kDrop, kDuplicate, kCorrupt, kDelay, kSilence,
-  kRestartAfter, kSeed, kTrace
+  kPeriod = 1000,
+  kDuration,
+  kVersion,
+  kPoints,
+  kAxes,
+  kDeviceType,
+  kSerial,
+  kMaxSpeed,
+  kMass,
+  kInertia,
+  kDamping,
+  kPowerOn,
+  kHand,
+  kHandRadius,
+  kHandFrequency,
+  kButtons,
+  kFailure,
+  kAlarm,
+  kInputs,
+  kAnalog,
+  kTrackball,
+  kAdc,
+  kJoints,
+  kSet,
+  kDrop,
+  kDuplicate,
+  kCorrupt,
+  kDelay,
+  kSilence,
+  kRestartAfter,
+  kSeed,
+  kTrace
 };
 
 } // namespace
@@ -247,8 +278,9 @@ int main(int argc, char **argv) {
         usage_error("mass and inertia must be positive");
       if (v < 0)
         usage_error("damping must not be negative");
-      (c == kMass ? cfg.model.mass : c == kInertia ? cfg.model.inertia : cfg.model.linear_damping) =
-          static_cast<float>(v);
+      (c == kMass      ? cfg.model.mass
+       : c == kInertia ? cfg.model.inertia
+                       : cfg.model.linear_damping) = static_cast<float>(v);
       break;
     }
     case kPowerOn:
@@ -317,7 +349,8 @@ int main(int argc, char **argv) {
       const auto colon = s.find(':');
       cfg.faults.delay_us =
           static_cast<uint32_t>(integer(s.substr(0, colon).c_str(), "delay", 0, 10'000'000));
-      cfg.faults.delay_ratio = colon == std::string::npos ? 1.0 : ratio(s.substr(colon + 1).c_str(), "delay ratio");
+      cfg.faults.delay_ratio =
+          colon == std::string::npos ? 1.0 : ratio(s.substr(colon + 1).c_str(), "delay ratio");
       break;
     }
     case kSilence: {

@@ -154,7 +154,9 @@ struct DelaySlot {
 
 } // namespace
 
-bool ReceivedFrame::has(int id) const { return std::binary_search(ids.begin(), ids.end(), id); }
+bool ReceivedFrame::has(int id) const {
+  return std::binary_search(ids.begin(), ids.end(), id);
+}
 
 bool parse_version(const std::string &text, int &major, int &minor) {
   const auto dot = text.find('.');
@@ -253,7 +255,8 @@ struct Simulator::Impl {
   void init_records();
   void run();
   void drain(int64_t now);
-  void handle_datagram(const unsigned char *data, std::size_t size, const sockaddr_in &from, int64_t now);
+  void handle_datagram(const unsigned char *data, std::size_t size, const sockaddr_in &from,
+                       int64_t now);
   void react(const sockaddr_in &from, int64_t now);
   void forget_client(bool reset_power);
   void apply_inputs_locked();
@@ -373,8 +376,8 @@ void Simulator::Impl::drain(int64_t now) {
   }
 }
 
-void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t size, const sockaddr_in &from,
-                                      int64_t now) {
+void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t size,
+                                      const sockaddr_in &from, int64_t now) {
   const int length = envelope_check(data, size);
   // A datagram larger than our buffer arrives truncated and fails the check.
   if (length < 0 || static_cast<std::size_t>(length) > kFrameCapacity) {
@@ -397,7 +400,8 @@ void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t siz
   rx.axis_count_wire = nax;
   rx.traj_samples = nullptr;
   std::memcpy(payload.data(), data + 4, static_cast<std::size_t>(length));
-  if (encode_decode(kModeDecode, &rx, payload.data(), static_cast<uint32_t>(length)) == kCodecFailure) {
+  if (encode_decode(kModeDecode, &rx, payload.data(), static_cast<uint32_t>(length)) ==
+      kCodecFailure) {
     counters.malformed.fetch_add(1, std::memory_order_relaxed);
     if (trace.is_open()) {
       line.clear();
@@ -445,7 +449,7 @@ void Simulator::Impl::react(const sockaddr_in &from, int64_t now) {
     forget_client(false);
     have_client = true;
     client = from;
-    counts_due = true; // the counts go first, in a frame of their own
+    counts_due = true;       // the counts go first, in a frame of their own
     for (int id : kSnapshot) // then the device's state that is not in every frame
       pending[static_cast<std::size_t>(id)] = true;
     counters.connections.fetch_add(1, std::memory_order_relaxed);
@@ -472,9 +476,11 @@ void Simulator::Impl::react(const sockaddr_in &from, int64_t now) {
     has_pos_target = false;
   }
   if (changed[2])
-    std::copy(std::begin(cmd.simulation_stiffness), std::end(cmd.simulation_stiffness), st.simulation_stiffness);
+    std::copy(std::begin(cmd.simulation_stiffness), std::end(cmd.simulation_stiffness),
+              st.simulation_stiffness);
   if (changed[3])
-    std::copy(std::begin(cmd.simulation_damping), std::end(cmd.simulation_damping), st.simulation_damping);
+    std::copy(std::begin(cmd.simulation_damping), std::end(cmd.simulation_damping),
+              st.simulation_damping);
   if (changed[32])
     std::copy(std::begin(cmd.vm_base_frame), std::end(cmd.vm_base_frame), st.vm_base_frame);
   if (changed[43]) {
@@ -610,7 +616,8 @@ void Simulator::Impl::tick(int64_t now) {
   std::copy(std::begin(cmd.speed), std::end(cmd.speed), mi.target_speed.begin());
   mi.has_position_target = has_pos_target;
   mi.has_speed_target = has_speed_target;
-  std::copy(std::begin(st.simulation_stiffness), std::end(st.simulation_stiffness), mi.stiffness.begin());
+  std::copy(std::begin(st.simulation_stiffness), std::end(st.simulation_stiffness),
+            mi.stiffness.begin());
   std::copy(std::begin(st.simulation_damping), std::end(st.simulation_damping), mi.damping.begin());
   mi.max_linear_speed = cfg.max_linear_speed;
   mi.max_angular_speed = cfg.max_angular_speed;
@@ -673,7 +680,8 @@ void Simulator::Impl::tick(int64_t now) {
     const int32_t index = st.list_index;
     const uint32_t size = encode_decode(kModeEncode, &st, payload.data(), kFrameCapacity);
     if (size == kCodecFailure) {
-      log(0, "state frame does not fit in %u bytes: fields put by the test are dropped", kFrameCapacity);
+      log(0, "state frame does not fit in %u bytes: fields put by the test are dropped",
+          kFrameCapacity);
       once_local.clear();
     } else {
       if (trace.is_open()) {
@@ -754,7 +762,8 @@ void Simulator::Impl::flush_delayed(int64_t now) {
   }
 }
 
-void Simulator::Impl::trace_frame(const ExchangeRecord &r, int64_t now, const char *dir, const char *note) {
+void Simulator::Impl::trace_frame(const ExchangeRecord &r, int64_t now, const char *dir,
+                                  const char *note) {
   line.clear();
   char head[64];
   std::snprintf(head, sizeof head, "%.6f,%s,,", (now - t0) * 1e-9, dir);
@@ -836,7 +845,9 @@ void Simulator::Impl::run() {
 
 Simulator::Simulator(Config config) : impl_(std::make_unique<Impl>(std::move(config))) {}
 
-Simulator::~Simulator() { stop(); }
+Simulator::~Simulator() {
+  stop();
+}
 
 bool Simulator::start(std::string *error) {
   Impl &s = *impl_;
@@ -880,9 +891,15 @@ void Simulator::stop() {
   s.published.client = s.published.streaming = false;
 }
 
-bool Simulator::running() const { return impl_->running.load(); }
-uint16_t Simulator::port() const { return impl_->bound_port; }
-const Config &Simulator::config() const { return impl_->cfg; }
+bool Simulator::running() const {
+  return impl_->running.load();
+}
+uint16_t Simulator::port() const {
+  return impl_->bound_port;
+}
+const Config &Simulator::config() const {
+  return impl_->cfg;
+}
 
 bool Simulator::wait_for_client(std::chrono::milliseconds timeout) {
   const auto end = Clock::now() + timeout;
@@ -933,38 +950,66 @@ Stats Simulator::stats() const {
     body;                                                                                          \
   } while (0)
 
-void Simulator::set_buttons(uint16_t bits) { KALO_SIM_SET(in.buttons = bits); }
+void Simulator::set_buttons(uint16_t bits) {
+  KALO_SIM_SET(in.buttons = bits);
+}
 void Simulator::set_button(int number, bool pressed) {
   if (number < 1 || number > 16)
     return;
   const auto bit = static_cast<uint16_t>(1u << (number - 1));
-  KALO_SIM_SET(in.buttons = static_cast<uint16_t>(pressed ? (in.buttons | bit) : (in.buttons & ~bit)));
+  KALO_SIM_SET(in.buttons =
+                   static_cast<uint16_t>(pressed ? (in.buttons | bit) : (in.buttons & ~bit)));
 }
-void Simulator::set_failure(uint16_t bits) { KALO_SIM_SET(in.failure = bits); }
-void Simulator::set_alarm(uint32_t bits) { KALO_SIM_SET(in.alarm = bits); }
-void Simulator::set_tor_inputs(uint32_t bits) { KALO_SIM_SET(in.tor = bits; in.dirty[91] = true); }
-void Simulator::set_analog_inputs(const std::array<float, 7> &v) { KALO_SIM_SET(in.analog = v; in.dirty[90] = true); }
-void Simulator::set_trackball(const std::array<int32_t, 6> &v) { KALO_SIM_SET(in.trackball = v; in.dirty[67] = true); }
-void Simulator::set_adc(const std::array<float, 3> &v) { KALO_SIM_SET(in.adc = v; in.dirty[66] = true); }
+void Simulator::set_failure(uint16_t bits) {
+  KALO_SIM_SET(in.failure = bits);
+}
+void Simulator::set_alarm(uint32_t bits) {
+  KALO_SIM_SET(in.alarm = bits);
+}
+void Simulator::set_tor_inputs(uint32_t bits) {
+  KALO_SIM_SET(in.tor = bits; in.dirty[91] = true);
+}
+void Simulator::set_analog_inputs(const std::array<float, 7> &v) {
+  KALO_SIM_SET(in.analog = v; in.dirty[90] = true);
+}
+void Simulator::set_trackball(const std::array<int32_t, 6> &v) {
+  KALO_SIM_SET(in.trackball = v; in.dirty[67] = true);
+}
+void Simulator::set_adc(const std::array<float, 3> &v) {
+  KALO_SIM_SET(in.adc = v; in.dirty[66] = true);
+}
 void Simulator::set_joints(std::span<const float> positions, std::span<const float> speeds) {
   KALO_SIM_SET({
     in.joint_pos.fill(0);
     in.joint_speed.fill(0);
-    std::copy_n(positions.begin(), std::min<std::size_t>(positions.size(), kArticularRoom), in.joint_pos.begin());
-    std::copy_n(speeds.begin(), std::min<std::size_t>(speeds.size(), kArticularRoom), in.joint_speed.begin());
+    std::copy_n(positions.begin(), std::min<std::size_t>(positions.size(), kArticularRoom),
+                in.joint_pos.begin());
+    std::copy_n(speeds.begin(), std::min<std::size_t>(speeds.size(), kArticularRoom),
+                in.joint_speed.begin());
     in.dirty[70] = in.dirty[71] = true;
   });
 }
 void Simulator::set_additional_axis(float position, float speed) {
   KALO_SIM_SET(in.add_pos = position; in.add_speed = speed; in.dirty[73] = in.dirty[74] = true);
 }
-void Simulator::set_center_sphere(const Pose &p) { KALO_SIM_SET(in.center_sphere = p; in.dirty[64] = true); }
-void Simulator::set_axis_of_rotation(const Vec3 &a) { KALO_SIM_SET(in.axis_of_rotation = a; in.dirty[65] = true); }
-void Simulator::set_pose(const Pose &p) { KALO_SIM_SET(in.teleport = p); }
-void Simulator::set_power(bool on) { KALO_SIM_SET(in.power = on); }
-void Simulator::set_hand(const Hand &h) { KALO_SIM_SET(in.hand = h); }
+void Simulator::set_center_sphere(const Pose &p) {
+  KALO_SIM_SET(in.center_sphere = p; in.dirty[64] = true);
+}
+void Simulator::set_axis_of_rotation(const Vec3 &a) {
+  KALO_SIM_SET(in.axis_of_rotation = a; in.dirty[65] = true);
+}
+void Simulator::set_pose(const Pose &p) {
+  KALO_SIM_SET(in.teleport = p);
+}
+void Simulator::set_power(bool on) {
+  KALO_SIM_SET(in.power = on);
+}
+void Simulator::set_hand(const Hand &h) {
+  KALO_SIM_SET(in.hand = h);
+}
 void Simulator::set_counts(int control_points, int axes) {
-  KALO_SIM_SET(in.ncp = std::max(0, control_points); in.nax = std::max(0, axes); in.counts_dirty = true);
+  KALO_SIM_SET(in.ncp = std::max(0, control_points); in.nax = std::max(0, axes);
+               in.counts_dirty = true);
 }
 
 void Simulator::put_field(int id, std::span<const double> values, bool persistent) {
@@ -981,20 +1026,31 @@ void Simulator::put_field(int id, std::span<const double> values, bool persisten
     }
   });
 }
-void Simulator::clear_fields() { KALO_SIM_SET(in.persistent.clear(); in.persistent_dirty = true); }
+void Simulator::clear_fields() {
+  KALO_SIM_SET(in.persistent.clear(); in.persistent_dirty = true);
+}
 void Simulator::clear_field(int id) {
   KALO_SIM_SET(std::erase_if(in.persistent, [id](const Override &x) { return x.id == id; });
                in.persistent_dirty = true);
 }
 
-void Simulator::pause() { KALO_SIM_SET(in.paused = true); }
-void Simulator::resume() { KALO_SIM_SET(in.paused = false); }
-void Simulator::set_faults(const Faults &f) { KALO_SIM_SET(in.faults = f); }
+void Simulator::pause() {
+  KALO_SIM_SET(in.paused = true);
+}
+void Simulator::resume() {
+  KALO_SIM_SET(in.paused = false);
+}
+void Simulator::set_faults(const Faults &f) {
+  KALO_SIM_SET(in.faults = f);
+}
 void Simulator::go_silent(std::chrono::milliseconds duration) {
-  const int64_t until = now_ns() + std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count();
+  const int64_t until =
+      now_ns() + std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count();
   KALO_SIM_SET(in.silent_until = until);
 }
-void Simulator::restart() { KALO_SIM_SET(in.restart = true); }
+void Simulator::restart() {
+  KALO_SIM_SET(in.restart = true);
+}
 
 #undef KALO_SIM_SET
 
@@ -1011,12 +1067,14 @@ std::size_t Simulator::received_count() const {
   return impl_->received.size();
 }
 
-std::optional<ReceivedFrame> Simulator::wait_for_frame_with(int id, std::chrono::milliseconds timeout) {
+std::optional<ReceivedFrame> Simulator::wait_for_frame_with(int id,
+                                                            std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(impl_->mutex);
   auto &q = impl_->received;
   std::optional<ReceivedFrame> found;
   impl_->received_cv.wait_for(lock, timeout, [&] {
-    const auto it = std::find_if(q.begin(), q.end(), [id](const ReceivedFrame &f) { return f.has(id); });
+    const auto it =
+        std::find_if(q.begin(), q.end(), [id](const ReceivedFrame &f) { return f.has(id); });
     if (it == q.end())
       return false;
     found = std::move(*it);

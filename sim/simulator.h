@@ -61,25 +61,25 @@ struct Faults {
 };
 
 struct Config {
-  uint16_t port = 5000;                    // controller port; 0 picks a free one (see port())
-  std::string bind_address = "127.0.0.1";  // "0.0.0.0" to serve other machines
+  uint16_t port = 5000;                   // controller port; 0 picks a free one (see port())
+  std::string bind_address = "127.0.0.1"; // "0.0.0.0" to serve other machines
   std::chrono::nanoseconds period = std::chrono::milliseconds(1); // state frame period
-  int version_major = 6;                   // reported in item 38; 6.0 is (6, 0),
-  int version_minor = 0;                   // 5.4 is (5, 40): minor is in hundredths
-  int control_points = 1;                  // item 52 (only the first point is simulated)
-  int axes = 6;                            // item 69 (at most 20 joint values are held)
-  int device_type = 1;                     // item 88
+  int version_major = 6;  // reported in item 38; 6.0 is (6, 0),
+  int version_minor = 0;  // 5.4 is (5, 40): minor is in hundredths
+  int control_points = 1; // item 52 (only the first point is simulated)
+  int axes = 6;           // item 69 (at most 20 joint values are held)
+  int device_type = 1;    // item 88
   int serial_number = 1;
-  float max_linear_speed = 1.0f;           // item 56, m/s; the model never exceeds it
-  float max_angular_speed = 3.14f;         // rad/s
-  Twist stiffness{300, 300, 300, 3, 3, 3}; // item 2 until a client sets it (coupling gains)
+  float max_linear_speed = 1.0f;               // item 56, m/s; the model never exceeds it
+  float max_angular_speed = 3.14f;             // rad/s
+  Twist stiffness{300, 300, 300, 3, 3, 3};     // item 2 until a client sets it (coupling gains)
   Twist damping{5, 5, 5, 0.05f, 0.05f, 0.05f}; // item 3
-  bool power_on = false;                   // power at start (then item 25 decides)
-  int verbosity = 0;                       // 0 errors only, 1 connection events, 2 every request
-  std::string trace_file;                  // CSV of every frame in and out; empty: none
-  bool record_received = true;             // keep received frames for take_received()
-  std::size_t max_recorded = 100000;       // oldest frames are discarded beyond this
-  bool realtime = true;                    // try SCHED_FIFO for the frame loop (silent fallback)
+  bool power_on = false;                       // power at start (then item 25 decides)
+  int verbosity = 0;                 // 0 errors only, 1 connection events, 2 every request
+  std::string trace_file;            // CSV of every frame in and out; empty: none
+  bool record_received = true;       // keep received frames for take_received()
+  std::size_t max_recorded = 100000; // oldest frames are discarded beyond this
+  bool realtime = true;              // try SCHED_FIFO for the frame loop (silent fallback)
   ModelParams model;
   Hand hand;
   Faults faults;
@@ -97,28 +97,28 @@ struct ReceivedFrame {
 };
 
 struct Stats {
-  uint64_t frames_sent = 0;      // state frames put on the wire (duplicates count once)
-  uint64_t frames_received = 0;  // decodable frames from any sender
-  uint64_t malformed = 0;        // datagrams dropped: bad envelope or undecodable payload
-  uint64_t foreign = 0;          // frames from someone other than the client, ignored
-  uint64_t dropped = 0;          // frames lost by fault injection
+  uint64_t frames_sent = 0;     // state frames put on the wire (duplicates count once)
+  uint64_t frames_received = 0; // decodable frames from any sender
+  uint64_t malformed = 0;       // datagrams dropped: bad envelope or undecodable payload
+  uint64_t foreign = 0;         // frames from someone other than the client, ignored
+  uint64_t dropped = 0;         // frames lost by fault injection
   uint64_t duplicated = 0;
   uint64_t corrupted = 0;
   uint64_t delayed = 0;
-  uint64_t late_ticks = 0;       // the loop fell so far behind that it skipped ahead
-  uint64_t trace_lost = 0;       // trace lines lost because the file could not keep up
-  uint64_t connections = 0;      // hellos accepted
+  uint64_t late_ticks = 0;  // the loop fell so far behind that it skipped ahead
+  uint64_t trace_lost = 0;  // trace lines lost because the file could not keep up
+  uint64_t connections = 0; // hellos accepted
 };
 
 // What the simulated controller currently reports.
 struct DeviceState {
-  bool client = false;       // a client is being served
-  bool streaming = false;    // ... and not paused
-  int mode_byte = 0;         // item 24 as last received
-  bool power = false;        // bit 16 of the alarm word
+  bool client = false;    // a client is being served
+  bool streaming = false; // ... and not paused
+  int mode_byte = 0;      // item 24 as last received
+  bool power = false;     // bit 16 of the alarm word
   Pose pose{0, 0, 0, 0, 0, 0, 1};
   Twist speed{};
-  uint32_t alarm = 0;        // the word sent in item 54
+  uint32_t alarm = 0; // the word sent in item 54
 };
 
 class Simulator {
@@ -147,9 +147,9 @@ public:
   bool wait_for_frames_sent(uint64_t n, std::chrono::milliseconds timeout);
 
   // ---- device state (each setter's field goes into the next frame) ----
-  void set_buttons(uint16_t bits);       // item 22, bit k = button k+1
+  void set_buttons(uint16_t bits); // item 22, bit k = button k+1
   void set_button(int number, bool pressed);
-  void set_failure(uint16_t bits);       // item 21, bit k = drive k+1 failed
+  void set_failure(uint16_t bits); // item 21, bit k = drive k+1 failed
   // Item 54 except bit 16 (power, follows item 25) and bits 0-5 (the model's
   // workspace bounds), which the simulator ORs in.
   void set_alarm(uint32_t bits);
@@ -162,9 +162,9 @@ public:
   void set_additional_axis(float position, float speed); // items 73, 74
   void set_center_sphere(const Pose &);                  // item 64
   void set_axis_of_rotation(const Vec3 &);               // item 65
-  void set_pose(const Pose &);  // moves the handle there, at rest
-  void set_power(bool on);      // as if item 25 had arrived
-  void set_hand(const Hand &);  // the scripted operator hand
+  void set_pose(const Pose &);                           // moves the handle there, at rest
+  void set_power(bool on);                               // as if item 25 had arrived
+  void set_hand(const Hand &);                           // the scripted operator hand
   // Changes the counts (items 52 and 69); they go out in a frame of their own.
   void set_counts(int control_points, int axes);
 
@@ -183,7 +183,7 @@ public:
   void clear_field(int id);
 
   // ---- streaming and faults ----
-  void pause();  // stop sending state frames (receiving goes on)
+  void pause(); // stop sending state frames (receiving goes on)
   void resume();
   void set_faults(const Faults &);
   // Sends nothing for the given time, then goes on where it was.

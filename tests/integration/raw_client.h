@@ -37,15 +37,15 @@ inline int64_t mono_ns() {
 // The essentials of one received datagram (a full record per frame would be
 // too much at 10 kHz).
 struct RxFrame {
-  int64_t t_ns = 0;          // receive time, CLOCK_MONOTONIC
-  bool envelope_ok = false;  // checksum and length right
-  bool decoded = false;      // payload decoded without error
+  int64_t t_ns = 0;         // receive time, CLOCK_MONOTONIC
+  bool envelope_ok = false; // checksum and length right
+  bool decoded = false;     // payload decoded without error
   std::bitset<kalo::kFieldCount + 1> ids;
   int32_t time_stamp = 0;
   float position[7] = {};
   int32_t alarm = 0;
   int16_t buttons = 0;
-  int32_t traj_index = -1;   // list_index of item 29 when carried
+  int32_t traj_index = -1; // list_index of item 29 when carried
   std::size_t size = 0;
 };
 
@@ -82,7 +82,8 @@ public:
 
   // Sends one command frame with the time stamp and the given fields, after
   // letting fill set their values.
-  void send(std::initializer_list<int> ids, const std::function<void(ExchangeRecord &)> &fill = {}) {
+  void send(std::initializer_list<int> ids,
+            const std::function<void(ExchangeRecord &)> &fill = {}) {
     ExchangeRecord &r = *cmd_;
     kalo::clear_changes(r);
     if (fill)
@@ -134,7 +135,8 @@ public:
   }
   // Waits for a frame carrying id at position >= first; returns the state
   // record as it stood right after that frame was decoded.
-  std::optional<ExchangeRecord> wait_for(int id, std::size_t first, std::chrono::milliseconds timeout) {
+  std::optional<ExchangeRecord> wait_for(int id, std::size_t first,
+                                         std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
     std::optional<ExchangeRecord> out;
     cv_.wait_for(lock, timeout, [&] {
@@ -184,8 +186,8 @@ private:
       if (f.envelope_ok) {
         kalo::clear_changes(r);
         r.traj_samples = samples_;
-        f.decoded = encode_decode(kalo::kModeDecode, &r, buffer + 4, static_cast<uint32_t>(length)) !=
-                    kalo::kCodecFailure;
+        f.decoded = encode_decode(kalo::kModeDecode, &r, buffer + 4,
+                                  static_cast<uint32_t>(length)) != kalo::kCodecFailure;
         for (int id = 1; id <= kalo::kFieldCount; ++id)
           if (r.field_changed[id])
             f.ids.set(static_cast<std::size_t>(id));
@@ -215,7 +217,8 @@ private:
     }
   }
   static bool every_frame(int id) {
-    return id == 1 || id == 14 || id == 15 || id == 21 || id == 22 || id == 39 || id == 51 || id == 54;
+    return id == 1 || id == 14 || id == 15 || id == 21 || id == 22 || id == 39 || id == 51 ||
+           id == 54;
   }
 
   bool keep_ = true;

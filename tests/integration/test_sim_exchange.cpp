@@ -78,7 +78,7 @@ TEST(SimExchange, WaitsForHelloThenSendsCountsAloneThenStateFrames) {
   ASSERT_TRUE(joints);
   EXPECT_EQ(joints->axis_count_wire, 6);
   EXPECT_EQ(joints->control_point_count, 1);
-  EXPECT_EQ(frames.back().position[6], 1.0f); // identity orientation at rest
+  EXPECT_EQ(frames.back().position[6], 1.0f);    // identity orientation at rest
   EXPECT_EQ(frames.back().alarm & (1 << 16), 0); // power off until asked
   EXPECT_TRUE(sim.device().client);
 }
@@ -97,7 +97,8 @@ void expect_rate(std::chrono::nanoseconds period) {
   const int64_t t0_ns = kalo_test::mono_ns();
   std::this_thread::sleep_for(2300ms);
   const uint64_t sent = c.sim.stats().frames_sent - sent0;
-  const double sent_expected = static_cast<double>(kalo_test::mono_ns() - t0_ns) / static_cast<double>(period.count());
+  const double sent_expected =
+      static_cast<double>(kalo_test::mono_ns() - t0_ns) / static_cast<double>(period.count());
   const auto frames = c.client->frames_since(first);
   ASSERT_FALSE(frames.empty());
   const auto t0 = static_cast<uint32_t>(frames.front().time_stamp);
@@ -109,16 +110,21 @@ void expect_rate(std::chrono::nanoseconds period) {
   std::printf("[ rate     ] period %lld ns: %zu frames received in 2 s (expected %.0f, %+.3f%%); "
               "sent %llu for %.0f (%+.3f%%)\n",
               static_cast<long long>(period.count()), n, expected,
-              100.0 * (static_cast<double>(n) - expected) / expected, static_cast<unsigned long long>(sent),
-              sent_expected, 100.0 * (static_cast<double>(sent) - sent_expected) / sent_expected);
+              100.0 * (static_cast<double>(n) - expected) / expected,
+              static_cast<unsigned long long>(sent), sent_expected,
+              100.0 * (static_cast<double>(sent) - sent_expected) / sent_expected);
   EXPECT_NEAR(static_cast<double>(sent), sent_expected, 0.02 * sent_expected);
 #ifndef KALO_SANITIZER_BUILD
   EXPECT_NEAR(static_cast<double>(n), expected, 0.02 * expected);
 #endif
 }
 
-TEST(SimExchange, HoldsOneKilohertz) { expect_rate(1ms); }
-TEST(SimExchange, HoldsTenKilohertz) { expect_rate(100us); }
+TEST(SimExchange, HoldsOneKilohertz) {
+  expect_rate(1ms);
+}
+TEST(SimExchange, HoldsTenKilohertz) {
+  expect_rate(100us);
+}
 
 TEST(SimExchange, AnswersEveryRequestOfTheLibrary) {
   Config cfg = loopback();
@@ -252,10 +258,13 @@ TEST(SimExchange, ForceDoesNothingWithThePowerOffOrInTheFreeType) {
 
 TEST(SimExchange, CouplingPullsTheHandleToTheVirtualObject) {
   Connected c;
-  drive(c, 9, 600, [](ExchangeRecord &x) {
-    const float pose[7] = {0.05f, -0.03f, 0.02f, 0, 0, 0.0998334f, 0.9950042f}; // 0.2 rad about z
-    std::copy(pose, pose + 7, x.position);
-  }, {14});
+  drive(c, 9, 600,
+        [](ExchangeRecord &x) {
+          const float pose[7] = {0.05f, -0.03f,     0.02f,     0,
+                                 0,     0.0998334f, 0.9950042f}; // 0.2 rad about z
+          std::copy(pose, pose + 7, x.position);
+        },
+        {14});
   const auto d = c.sim.device();
   EXPECT_NEAR(d.pose[0], 0.05f, 0.005f);
   EXPECT_NEAR(d.pose[1], -0.03f, 0.005f);
@@ -264,17 +273,21 @@ TEST(SimExchange, CouplingPullsTheHandleToTheVirtualObject) {
 
   // Without stiffness there is no pull.
   c.sim.set_pose({0, 0, 0, 0, 0, 0, 1});
-  c.client->send({2}, [](ExchangeRecord &x) { std::fill(x.simulation_stiffness, x.simulation_stiffness + 6, 0.f); });
+  c.client->send({2}, [](ExchangeRecord &x) {
+    std::fill(x.simulation_stiffness, x.simulation_stiffness + 6, 0.f);
+  });
   std::this_thread::sleep_for(200ms);
   EXPECT_NEAR(c.sim.device().pose[0], 0.f, 1e-4f);
 }
 
 TEST(SimExchange, TracksPositionAndSpeedSetPoints) {
   Connected c;
-  drive(c, 1, 500, [](ExchangeRecord &x) {
-    const float pose[7] = {-0.04f, 0.06f, 0, 0, 0, 0, 1};
-    std::copy(pose, pose + 7, x.position);
-  }, {14});
+  drive(c, 1, 500,
+        [](ExchangeRecord &x) {
+          const float pose[7] = {-0.04f, 0.06f, 0, 0, 0, 0, 1};
+          std::copy(pose, pose + 7, x.position);
+        },
+        {14});
   EXPECT_NEAR(c.sim.device().pose[0], -0.04f, 0.003f);
   EXPECT_NEAR(c.sim.device().pose[1], 0.06f, 0.003f);
 
@@ -436,7 +449,8 @@ TEST(SimExchange, TraceHoldsEveryFrameInAndOut) {
       ++in;
     if (s.find(",out,") != std::string::npos) {
       if (out == 0)
-        counts_first = s.find(",1=") != std::string::npos && s.find(";52=1;69=6") != std::string::npos;
+        counts_first =
+            s.find(",1=") != std::string::npos && s.find(";52=1;69=6") != std::string::npos;
       ++out;
     }
     if (s.find(",in,malformed,bytes=4") != std::string::npos)

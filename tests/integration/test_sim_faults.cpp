@@ -58,7 +58,8 @@ TEST(SimFaults, CorruptsTheChecksumOfTheAskedRatio) {
   Connected c(f);
   const auto frames = c.window(500ms);
   ASSERT_GT(frames.size(), 400u);
-  const auto bad = std::count_if(frames.begin(), frames.end(), [](const RxFrame &x) { return !x.envelope_ok; });
+  const auto bad =
+      std::count_if(frames.begin(), frames.end(), [](const RxFrame &x) { return !x.envelope_ok; });
   EXPECT_NEAR(static_cast<double>(bad) / static_cast<double>(frames.size()), 0.2, 0.06);
   for (const auto &x : frames)
     if (x.envelope_ok) {
@@ -74,7 +75,8 @@ TEST(SimFaults, DuplicatesFrames) {
   int repeats = 0;
   for (std::size_t i = 1; i < frames.size(); ++i)
     repeats += frames[i].time_stamp == frames[i - 1].time_stamp;
-  EXPECT_NEAR(static_cast<double>(repeats) / static_cast<double>(frames.size() - repeats), 0.5, 0.1);
+  EXPECT_NEAR(static_cast<double>(repeats) / static_cast<double>(frames.size() - repeats), 0.5,
+              0.1);
 }
 
 TEST(SimFaults, DelaysFramesByTheAskedTime) {
@@ -88,7 +90,8 @@ TEST(SimFaults, DelaysFramesByTheAskedTime) {
   // The time stamp is the sender's monotonic clock in microseconds, ours too.
   std::vector<int64_t> lag;
   for (const auto &x : frames)
-    lag.push_back(static_cast<int32_t>(static_cast<uint32_t>(x.t_ns / 1000) - static_cast<uint32_t>(x.time_stamp)));
+    lag.push_back(static_cast<int32_t>(static_cast<uint32_t>(x.t_ns / 1000) -
+                                       static_cast<uint32_t>(x.time_stamp)));
   std::sort(lag.begin(), lag.end());
   const int64_t median = lag[lag.size() / 2];
   EXPECT_GE(median, 20000);

@@ -31,7 +31,8 @@ TEST(SimSoak, TenKilohertzForOneMinute) {
   const double seconds = static_cast<double>(last - first) * 1e-9;
   const double ideal = seconds * 10000.0 + 1;
   const double drift = (static_cast<double>(received) - ideal) / ideal;
-  std::printf("[ soak     ] %llu frames in %.3f s (ideal %.0f, drift %+.4f%%), %llu sent, %llu late ticks\n",
+  std::printf("[ soak     ] %llu frames in %.3f s (ideal %.0f, drift %+.4f%%), %llu sent, %llu "
+              "late ticks\n",
               static_cast<unsigned long long>(received), seconds, ideal, 100 * drift,
               static_cast<unsigned long long>(stats.frames_sent),
               static_cast<unsigned long long>(stats.late_ticks));
