@@ -42,7 +42,9 @@ int32_t init_control_energie_cinetique(KaloContext *context) {
 }
 
 // Real version (energy guard): makes both guards of point 0 restart their estimation.
-void deactive_control_ener_cine(KaloContext *context) { (void)context; }
+void deactive_control_ener_cine(KaloContext *context) {
+  (void)context;
+}
 
 // Real version (state readout): the same edge check, reading the button through kaloGetButton.
 int32_t CheckPressButton(KaloContext *context) {
@@ -53,7 +55,9 @@ int32_t CheckPressButton(KaloContext *context) {
   uint32_t now = 0;
   const uint32_t button = ctx->wait_button;
   if (button >= 1 && button <= 16)
-    now = (static_cast<uint32_t>(static_cast<uint16_t>(ctx->state_record.buttons)) >> (button - 1)) & 1u;
+    now =
+        (static_cast<uint32_t>(static_cast<uint16_t>(ctx->state_record.buttons)) >> (button - 1)) &
+        1u;
   ctx->button_now = now;
   if (ctx->wait_armed != 0 && now == 1 && ctx->button_previous == 0) {
     TR_poster_semaphore(ctx->button_sem);
