@@ -82,7 +82,8 @@ void react_to_state(KaloContext *ctx, int &pending_request) {
   // record a spurious code 2 while kaloOpen still waits for the first frame.
   if (arrived[kButtonsField] != 0 && ctx->connected.load() != 0)
     CheckPressButton(ctx);
-  if (pending_request > 0 && pending_request <= kalo::kFieldCount && arrived[pending_request] != 0) {
+  if (pending_request > 0 && pending_request <= kalo::kFieldCount &&
+      arrived[pending_request] != 0) {
     TR_poster_semaphore(ctx->reply_sem);
     pending_request = 0;
   }
@@ -155,7 +156,8 @@ void *_backendThread(void *context) {
     } else {
       {
         ContextLock hold(ctx);
-        encode_decode(kalo::kModeDecode, &ctx->state_record, frame, static_cast<uint32_t>(received));
+        encode_decode(kalo::kModeDecode, &ctx->state_record, frame,
+                      static_cast<uint32_t>(received));
         ctx->frames_received++;
         ctx->watchdog_counter++;
         ctx->frame_received = 1;
@@ -166,7 +168,8 @@ void *_backendThread(void *context) {
       // The speed-factor filter steps once per frame. Its input is written by
       // the application under the lock, so it is read under the lock too.
       if (ctx->filter_disabled.load() == 0 && ctx->speed_factor_filter != nullptr)
-        TSIG_filtre_calculer(ctx->speed_factor_filter, ctx->speed_factor_target, ctx->speed_factor_filtered);
+        TSIG_filtre_calculer(ctx->speed_factor_filter, ctx->speed_factor_target,
+                             ctx->speed_factor_filtered);
     }
 
     {

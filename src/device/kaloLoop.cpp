@@ -30,7 +30,9 @@ using kalo::ContextLock;
 // Set on a loop thread whose periodic function closed its own context.
 thread_local KaloContext *t_context_closed_by_function = nullptr;
 
-bool is_thread_of(const TR_TACHE *task) { return task != nullptr && pthread_equal(task->thread, pthread_self()); }
+bool is_thread_of(const TR_TACHE *task) {
+  return task != nullptr && pthread_equal(task->thread, pthread_self());
+}
 
 // Waits for a stopped loop thread to end and frees its handle. Not on that
 // thread. Returns with the lock held when it was held on entry.
@@ -79,7 +81,9 @@ bool stop_loop(KaloContext *ctx) {
   return on_loop_thread;
 }
 
-void mark_closed_by_loop_thread(KaloContext *ctx) { t_context_closed_by_function = ctx; }
+void mark_closed_by_loop_thread(KaloContext *ctx) {
+  t_context_closed_by_function = ctx;
+}
 
 } // namespace kalo
 
@@ -125,7 +129,8 @@ int32_t kaloStartLoop(KaloContext *context) {
         }
         // The new thread reads its own handle under the lock held here, so it
         // sees the identifier that the creation stores.
-        ctx->loop_task = TR_creer_tache("LOOP", kalo::kTaskPriorityOffset, kalo::kLoopStackSize, _kaloLoop, ctx);
+        ctx->loop_task =
+            TR_creer_tache("LOOP", kalo::kTaskPriorityOffset, kalo::kLoopStackSize, _kaloLoop, ctx);
         if (ctx->loop_task == nullptr) {
           ctx->loop_running = 0;
           code = KALO_ERROR_OUT_OF_MEMORY;

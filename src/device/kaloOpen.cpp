@@ -34,8 +34,9 @@ void set_null_pose(float (&pose)[7]) {
 }
 
 void init_exchange_record(ExchangeRecord &r) {
-  for (float(*pose)[7] : {&r.observation_frame, &r.base_frame, &r.catch_frame, &r.position, &r.vm_base_frame,
-                          &r.physical_position, &r.avatar_position, &r.center_sphere})
+  for (float(*pose)[7] :
+       {&r.observation_frame, &r.base_frame, &r.catch_frame, &r.position, &r.vm_base_frame,
+        &r.physical_position, &r.avatar_position, &r.center_sphere})
     set_null_pose(*pose);
 }
 
@@ -87,7 +88,8 @@ bool init_context(KaloContext *ctx, int session) {
     return false;
   if (ctx->state_record.traj_samples == nullptr || ctx->speed_factor_target == nullptr ||
       ctx->speed_factor_filtered == nullptr || ctx->speed_factor_cutoff == nullptr ||
-      ctx->object_inertia == nullptr || ctx->work_matrix4 == nullptr || ctx->work_matrix3 == nullptr)
+      ctx->object_inertia == nullptr || ctx->work_matrix4 == nullptr ||
+      ctx->work_matrix3 == nullptr)
     return false;
   ctx->speed_factor_target->donnees[0] = 1.0;
   ctx->speed_factor_cutoff->donnees[0] = 0.5;
@@ -107,8 +109,9 @@ bool create_semaphores(KaloContext *ctx) {
   ctx->backend_exited = TR_creer_semaphore_synchro();
   ctx->loop_exited = TR_creer_semaphore_synchro();
   return ctx->lock != nullptr && ctx->reply_sem != nullptr && ctx->loop_sem != nullptr &&
-         ctx->traj_sample_sem != nullptr && ctx->button_sem != nullptr && ctx->upper_bound_sem != nullptr &&
-         ctx->backend_exited != nullptr && ctx->loop_exited != nullptr;
+         ctx->traj_sample_sem != nullptr && ctx->button_sem != nullptr &&
+         ctx->upper_bound_sem != nullptr && ctx->backend_exited != nullptr &&
+         ctx->loop_exited != nullptr;
 }
 
 // The per-control-point arrays, sized for the controller's count.
@@ -125,7 +128,8 @@ bool allocate_point_arrays(KaloContext *ctx) {
   ctx->scratch_force = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
   ctx->scratch_position = static_cast<float *>(std::calloc(n * 7, sizeof(float)));
   return ctx->gain_stiffness_buffer != nullptr && ctx->gain_damping_buffer != nullptr &&
-         ctx->scratch_speed != nullptr && ctx->scratch_force != nullptr && ctx->scratch_position != nullptr;
+         ctx->scratch_speed != nullptr && ctx->scratch_force != nullptr &&
+         ctx->scratch_position != nullptr;
 }
 
 // Gives up an open before the exchange thread exists: nothing else runs on the
@@ -169,8 +173,8 @@ KaloContext *kaloOpen(const char *url) {
   init_filtres(ctx);
 
   ctx->backend_stop = 0;
-  ctx->backend_task =
-      TR_creer_tache("SYNC", kalo::kTaskPriorityOffset, kalo::kBackendStackSize, _backendThread, ctx);
+  ctx->backend_task = TR_creer_tache("SYNC", kalo::kTaskPriorityOffset, kalo::kBackendStackSize,
+                                     _backendThread, ctx);
   if (ctx->backend_task == nullptr)
     return abandon_open(ctx, KALO_ERROR_OUT_OF_MEMORY);
 
@@ -262,7 +266,8 @@ int32_t sendAPIVersion(KaloContext *context) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return -1;
   }
-  if (kaloGetControlerVersion(context, &context->controller_version_major, &context->controller_version_minor) != 0)
+  if (kaloGetControlerVersion(context, &context->controller_version_major,
+                              &context->controller_version_minor) != 0)
     return -1;
   context->controller_version = static_cast<float>(context->controller_version_major) +
                                 static_cast<float>(context->controller_version_minor) / 100.0f;

@@ -25,8 +25,8 @@ constexpr float kOldControllerUnitMs = 0.9765625f;
 constexpr float kOldControllerUnitUs = 976.5625f;
 
 struct LoopPeriod {
-  int64_t ticks;    // whole units
-  float period_us;  // the period actually used, in microseconds
+  int64_t ticks;   // whole units
+  float period_us; // the period actually used, in microseconds
 };
 
 // Rounds a period in seconds to whole units; a fraction of exactly one half
@@ -42,7 +42,8 @@ inline bool round_loop_period(float seconds, float controller_version, LoopPerio
   if (x - static_cast<float>(n) > 0.5f)
     ++n;
   out->ticks = n;
-  out->period_us = new_unit ? static_cast<float>(n) * 1000.0f : static_cast<float>(n) * kOldControllerUnitUs;
+  out->period_us =
+      new_unit ? static_cast<float>(n) * 1000.0f : static_cast<float>(n) * kOldControllerUnitUs;
   return true;
 }
 
@@ -54,7 +55,9 @@ inline uint64_t allowed_call_us(float time_step) {
 }
 
 // A call overran when it lasted a millisecond or more beyond the allowed time.
-inline bool call_overran(uint64_t duration_us, uint64_t allowed_us) { return duration_us >= allowed_us + 1000; }
+inline bool call_overran(uint64_t duration_us, uint64_t allowed_us) {
+  return duration_us >= allowed_us + 1000;
+}
 
 // The overrun in whole milliseconds, as printed.
 inline int overrun_ms(uint64_t duration_us, uint64_t allowed_us) {

@@ -19,7 +19,9 @@ struct ConnectionUrl {
 
 namespace url_detail {
 
-inline bool all_digits(const std::string &s) { return std::strspn(s.c_str(), "0123456789") == s.size(); }
+inline bool all_digits(const std::string &s) {
+  return std::strspn(s.c_str(), "0123456789") == s.size();
+}
 
 inline uint16_t port_value(const std::string &digits) {
   uint32_t value = 0;

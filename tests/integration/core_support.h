@@ -22,7 +22,8 @@ namespace core_test {
 using namespace std::chrono_literals;
 
 inline std::string url_for(uint16_t local, uint16_t remote, const char *host = "127.0.0.1") {
-  return std::string("udpxdr://") + host + ":" + std::to_string(local) + "#" + std::to_string(remote);
+  return std::string("udpxdr://") + host + ":" + std::to_string(local) + "#" +
+         std::to_string(remote);
 }
 
 inline kalo::sim::Config sim_config(uint16_t port) {
@@ -75,7 +76,8 @@ template <class Predicate> bool eventually(Predicate p, std::chrono::millisecond
 inline bool posted_within(TR_SEMAPHORE *s, std::chrono::milliseconds limit) {
   timespec deadline{};
   clock_gettime(CLOCK_REALTIME, &deadline);
-  const auto ns = deadline.tv_nsec + std::chrono::duration_cast<std::chrono::nanoseconds>(limit).count();
+  const auto ns =
+      deadline.tv_nsec + std::chrono::duration_cast<std::chrono::nanoseconds>(limit).count();
   deadline.tv_sec += static_cast<time_t>(ns / 1000000000);
   deadline.tv_nsec = static_cast<long>(ns % 1000000000);
   while (sem_timedwait(&s->u.semaphore, &deadline) != 0) {

@@ -58,7 +58,8 @@ TEST(CoreConnection, NoControllerGivesCode2AfterTheFirstFrameWaitAndTheClose) {
   kaloGlobalError = 0;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(kaloOpen(url_for(23106, 23107).c_str()), nullptr);
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);
   EXPECT_GE(seconds, 1.0); // it waited for a first frame
   std::printf("open without a controller failed after %.2f s\n", seconds);

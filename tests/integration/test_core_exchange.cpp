@@ -36,7 +36,8 @@ std::vector<int> wire_order(const std::vector<uint8_t> &payload) {
 }
 
 int32_t big_endian_int(const uint8_t *p) {
-  return static_cast<int32_t>((uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3]);
+  return static_cast<int32_t>((uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) |
+                              (uint32_t{p[2]} << 8) | p[3]);
 }
 
 class CoreExchange : public ::testing::Test {
@@ -65,7 +66,8 @@ protected:
   void TearDown() override {
     std::this_thread::sleep_for(20ms);
     for (const auto &f : link_->sim.take_received())
-      ADD_FAILURE() << "unexpected frame with " << f.ids.size() << " items, first " << f.ids.front();
+      ADD_FAILURE() << "unexpected frame with " << f.ids.size() << " items, first "
+                    << f.ids.front();
   }
   kalo::sim::Simulator &sim() { return link_->sim; }
 

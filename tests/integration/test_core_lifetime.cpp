@@ -12,7 +12,9 @@ using namespace core_test;
 
 // Ports of this file: 23170-23189.
 
-std::size_t heap_in_use() { return mallinfo2().uordblks; }
+std::size_t heap_in_use() {
+  return mallinfo2().uordblks;
+}
 
 TEST(CoreLifetime, ThirtyOpenCloseCyclesLeaveNoThreadAndNoHeapBehind) {
   auto cfg = sim_config(23170);
@@ -61,9 +63,11 @@ TEST(CoreLifetime, ASilentControllerUnderTheWatchdogTurnsCallsIntoCode2AndCloseS
 
   link.sim.go_silent(5000ms);
   const auto silent_at = std::chrono::steady_clock::now();
-  ASSERT_TRUE(eventually([&] { return kaloGetRobotNumberOfControlPoints(link.ctx) == -1; }, 2000ms));
+  ASSERT_TRUE(
+      eventually([&] { return kaloGetRobotNumberOfControlPoints(link.ctx) == -1; }, 2000ms));
   const double ms =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - silent_at).count();
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - silent_at)
+          .count();
   std::printf("calls failed %.0f ms after the controller went silent\n", ms);
   EXPECT_LE(ms, 300.0);
   EXPECT_EQ(kaloGetErrorCode(link.ctx), KALO_ERROR_COMMUNICATION);

@@ -17,7 +17,8 @@ struct Calls {
 
 // Runs a 1 ms loop for a while against frames every frame_period and returns
 // the loop's calls per received state frame.
-double calls_per_frame(uint16_t sim_port, uint16_t local_port, std::chrono::microseconds frame_period) {
+double calls_per_frame(uint16_t sim_port, uint16_t local_port,
+                       std::chrono::microseconds frame_period) {
   auto cfg = sim_config(sim_port);
   cfg.period = frame_period;
   cfg.realtime = true; // steady frames make the ratio meaningful
@@ -46,10 +47,11 @@ double calls_per_frame(uint16_t sim_port, uint16_t local_port, std::chrono::micr
   }
   const int calls1 = calls.n.load();
   EXPECT_EQ(kaloStopLoop(link.ctx), 0);
-  const double ratio = static_cast<double>(calls1 - calls0) / static_cast<double>(frames1 - frames0);
+  const double ratio =
+      static_cast<double>(calls1 - calls0) / static_cast<double>(frames1 - frames0);
   std::printf("frames every %lld us: %llu frames, %d calls (%.3f per frame)\n",
-              static_cast<long long>(frame_period.count()), static_cast<unsigned long long>(frames1 - frames0),
-              calls1 - calls0, ratio);
+              static_cast<long long>(frame_period.count()),
+              static_cast<unsigned long long>(frames1 - frames0), calls1 - calls0, ratio);
   return ratio;
 }
 

@@ -20,10 +20,11 @@ kalo::ConnectionUrl parse_ok(const char *text) {
 }
 
 TEST(ConnectionUrl, ThreeSpellingsOfOneHostGiveTheSameConnection) {
-  for (const char *text : {"localhost", "udpxdr://localhost", "url:localhost", "url:udpxdr://localhost"}) {
+  for (const char *text :
+       {"localhost", "udpxdr://localhost", "url:localhost", "url:udpxdr://localhost"}) {
     const auto url = parse_ok(text);
     EXPECT_EQ(url.host, "localhost") << text;
-    EXPECT_EQ(url.local_port, 0) << text; // the transport searches 3131..3140
+    EXPECT_EQ(url.local_port, 0) << text;  // the transport searches 3131..3140
     EXPECT_EQ(url.remote_port, 0) << text; // the transport's default, 5000
   }
 }

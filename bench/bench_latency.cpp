@@ -1,0 +1,294 @@
+// Exchange latency: the time from a state frame leaving the controller to the
+// library's answering command frame arriving back, at 1 kHz and 10 kHz, beside
+// a bare UDP echo between two sockets on the same loopback in the same run.
+//
+// The controller here is a minimal one written for the measurement: it serves
+// the library's opening handshake, then for every frame marks one command
+// field on the library's side (as an application would), stamps the clock,
+// sends a typical state frame and waits for the answer that carries the
+// field's new value. p50 / p99 / max are reported as counters, in microseconds.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+#include "protocol/exchange_record.h"
+#include "protocol/proto_session.h"
+
+namespace {
+
+constexpr int kFrames = 10000;
+constexpr uint16_t kControllerPort = 23190;
+constexpr uint16_t kLibraryPort = 23191;
+constexpr uint16_t kEchoPortA = 23192;
+constexpr uint16_t kEchoPortB = 23193;
+constexpr int kMarkedField = 87;
+
+double now_us() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
+}
+
+void sleep_until_us(double deadline_us) {
+  timespec t{};
+  t.tv_sec = static_cast<time_t>(deadline_us / 1e6);
+  t.tv_nsec = static_cast<long>((deadline_us - static_cast<double>(t.tv_sec) * 1e6) * 1e3);
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr) == EINTR) {
+  }
+}
+
+int udp_socket(uint16_t port, long receive_timeout_us) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(port);
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
+    return -1;
+  timeval tv{0, receive_timeout_us};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  return fd;
+}
+
+sockaddr_in loopback(uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(port);
+  return a;
+}
+
+struct Percentiles {
+  double p50, p99, max;
+};
+
+Percentiles percentiles(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  auto at = [&](double q) {
+    return v[static_cast<std::size_t>(q * static_cast<double>(v.size() - 1))];
+  };
+  return {at(0.50), at(0.99), v.back()};
+}
+
+void report(benchmark::State &state, const std::vector<double> &latencies, int lost) {
+  const Percentiles p = percentiles(latencies);
+  state.counters["p50_us"] = p.p50;
+  state.counters["p99_us"] = p.p99;
+  state.counters["max_us"] = p.max;
+  state.counters["frames"] = static_cast<double>(latencies.size());
+  state.counters["lost"] = lost;
+}
+
+// The controller's side of the link: frames in and out of one socket.
+class MiniController {
+public:
+  explicit MiniController(uint16_t port) : fd_(udp_socket(port, 20000)) {
+    state_ = std::make_unique<ExchangeRecord>();
+    command_ = std::make_unique<ExchangeRecord>();
+    std::memset(state_.get(), 0, sizeof(ExchangeRecord));
+    std::memset(command_.get(), 0, sizeof(ExchangeRecord));
+    state_->control_point_count = 1;
+    state_->axis_count_wire = 6;
+    command_->control_point_count = 1;
+    command_->axis_count_wire = 6;
+    state_->position[6] = 1.0f;
+    state_->controller_version[0] = 6;
+    state_->max_speed[0] = 1.0f;
+    state_->max_speed[1] = 3.14f;
+  }
+  ~MiniController() {
+    if (fd_ >= 0)
+      close(fd_);
+  }
+  bool ok() const { return fd_ >= 0; }
+
+  // A typical state frame: time stamp, position, speed, failure, buttons,
+  // alarm, plus whatever the library asked for.
+  void send_state() {
+    for (int id : {1, 14, 15, 21, 22, 54})
+      state_->field_changed[id] = 1;
+    state_->time_stamp = static_cast<int32_t>(now_us());
+    send_marked();
+  }
+  // Receives one command frame; false on time-out. Answers requests in the
+  // next state frame.
+  bool receive_command() {
+    unsigned char datagram[kalo::kSessionBufferSize];
+    sockaddr_in from{};
+    socklen_t len = sizeof from;
+    const ssize_t n =
+        recvfrom(fd_, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr *>(&from), &len);
+    if (n <= 0)
+      return false;
+    const int length = kalo::envelope_check(datagram, static_cast<std::size_t>(n));
+    if (length < 0)
+      return false;
+    client_ = from;
+    have_client_ = true;
+    kalo::clear_changes(*command_);
+    encode_decode(kalo::kModeDecode, command_.get(), datagram + 4, static_cast<uint32_t>(length));
+    if (command_->field_changed[44] != 0) { // hello: the counts go first, alone
+      state_->field_changed[52] = 1;
+      state_->field_changed[69] = 1;
+    }
+    if (command_->field_changed[20] != 0 && command_->request > 0 &&
+        command_->request <= kalo::kFieldCount)
+      state_->field_changed[command_->request] = 1;
+    return true;
+  }
+  const ExchangeRecord &command() const { return *command_; }
+  bool has_client() const { return have_client_; }
+
+private:
+  void send_marked() {
+    if (!have_client_)
+      return;
+    unsigned char payload[kalo::kFrameCapacity];
+    unsigned char datagram[kalo::kSessionBufferSize];
+    const uint32_t size = encode_decode(kalo::kModeEncode, state_.get(), payload, sizeof payload);
+    kalo::clear_changes(*state_);
+    const std::size_t total = kalo::envelope_wrap(payload, size, datagram);
+    sendto(fd_, datagram, total, 0, reinterpret_cast<const sockaddr *>(&client_), sizeof client_);
+  }
+
+  int fd_;
+  std::unique_ptr<ExchangeRecord> state_;
+  std::unique_ptr<ExchangeRecord> command_;
+  sockaddr_in client_{};
+  bool have_client_ = false;
+};
+
+void BM_ExchangeRoundTrip(benchmark::State &state) {
+  const double period_us = 1e6 / static_cast<double>(state.range(0));
+  MiniController controller(kControllerPort);
+  if (!controller.ok()) {
+    state.SkipWithError("controller port in use");
+    return;
+  }
+  // Serve the opening handshake at 1 kHz while kaloOpen runs.
+  std::atomic<bool> opened{false};
+  std::thread serve([&] {
+    while (!opened.load()) {
+      while (controller.receive_command()) {
+        if (opened.load())
+          break;
+      }
+      controller.send_state();
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  // The serving thread answers within its receive time-out; give it the frames.
+  KaloContext *ctx = kaloOpen(
+      ("udpxdr://127.0.0.1:" + std::to_string(kLibraryPort) + "#" + std::to_string(kControllerPort))
+          .c_str());
+  opened = true;
+  serve.join();
+  if (ctx == nullptr) {
+    state.SkipWithError("kaloOpen failed");
+    return;
+  }
+  while (controller.receive_command()) {
+  } // drain what the handshake left
+
+  std::vector<double> latencies;
+  latencies.reserve(kFrames);
+  int lost = 0;
+  for (auto _ : state) {
+    double deadline = now_us();
+    for (int i = 1; i <= kFrames; ++i) {
+      {
+        kalo::ContextLock hold(ctx);
+        ctx->command_record.outputs = i;
+        kalo::post_field(ctx->command_record, kMarkedField);
+      }
+      const double t0 = now_us();
+      controller.send_state();
+      bool answered = false;
+      while (!answered && controller.receive_command())
+        answered = controller.command().field_changed[kMarkedField] != 0 &&
+                   controller.command().outputs == i;
+      const double t1 = now_us();
+      if (answered)
+        latencies.push_back(t1 - t0);
+      else
+        ++lost;
+      deadline += period_us;
+      sleep_until_us(deadline);
+    }
+  }
+  kaloClose(ctx);
+  report(state, latencies, lost);
+}
+BENCHMARK(BM_ExchangeRoundTrip)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+// Baseline: the same frame sizes bounced by a thread blocked in recvfrom on a
+// second socket, the physical floor of the loopback round trip.
+void BM_BareUdpEcho(benchmark::State &state) {
+  const double period_us = 1e6 / static_cast<double>(state.range(0));
+  const int a = udp_socket(kEchoPortA, 20000);
+  const int b = udp_socket(kEchoPortB, 100000);
+  if (a < 0 || b < 0) {
+    state.SkipWithError("echo ports in use");
+    return;
+  }
+  std::atomic<bool> stop{false};
+  std::thread echo([&] {
+    unsigned char buffer[1446];
+    const sockaddr_in to = loopback(kEchoPortA);
+    while (!stop.load()) {
+      if (recv(b, buffer, sizeof buffer, 0) > 0)
+        sendto(b, buffer, 16, 0, reinterpret_cast<const sockaddr *>(&to),
+               sizeof to); // a command frame's size
+    }
+  });
+  const sockaddr_in to = loopback(kEchoPortB);
+  unsigned char frame[80] = {}; // the state frame's datagram size
+  unsigned char answer[1446];
+  std::vector<double> latencies;
+  latencies.reserve(kFrames);
+  int lost = 0;
+  for (auto _ : state) {
+    double deadline = now_us();
+    for (int i = 0; i < kFrames; ++i) {
+      const double t0 = now_us();
+      sendto(a, frame, sizeof frame, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+      const bool answered = recv(a, answer, sizeof answer, 0) > 0;
+      const double t1 = now_us();
+      if (answered)
+        latencies.push_back(t1 - t0);
+      else
+        ++lost;
+      deadline += period_us;
+      sleep_until_us(deadline);
+    }
+  }
+  stop = true;
+  echo.join();
+  close(a);
+  close(b);
+  report(state, latencies, lost);
+}
+BENCHMARK(BM_BareUdpEcho)->Arg(1000)->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
