@@ -202,6 +202,7 @@ struct Simulator::Impl {
     std::optional<Pose> teleport;
     std::optional<bool> power;
     std::optional<Hand> hand;
+    std::optional<std::vector<Pose>> trajectory;
     int ncp = 1, nax = 6;
     bool counts_dirty = false;
     std::array<bool, kFieldCount + 1> dirty{};
@@ -234,6 +235,7 @@ struct Simulator::Impl {
   bool echo_upper_bound = false;
   int32_t traj_remaining = 0, traj_index = 0;
   std::vector<std::array<float, 7>> traj;
+  std::vector<Pose> traj_path; // the samples to stream; empty: the current pose
   bool power = false;
   int mode_byte = 0;
   bool has_pos_target = false, has_speed_target = false;
@@ -561,6 +563,10 @@ void Simulator::Impl::apply_inputs_locked() {
     model.set_hand(*in.hand);
     in.hand.reset();
   }
+  if (in.trajectory) {
+    traj_path.swap(*in.trajectory);
+    in.trajectory.reset();
+  }
   if (in.counts_dirty) {
     ncp = in.ncp;
     nax = in.nax;
@@ -660,8 +666,10 @@ void Simulator::Impl::tick(int64_t now) {
       }
       if (traj_remaining > 0) {
         st.list_index = traj_index;
+        const Pose &sample =
+            traj_path.empty() ? p : traj_path[static_cast<std::size_t>(traj_index) % traj_path.size()];
         if (traj_index < kTrajSampleRoom)
-          std::copy(p.begin(), p.end(), traj[static_cast<std::size_t>(traj_index)].begin());
+          std::copy(sample.begin(), sample.end(), traj[static_cast<std::size_t>(traj_index)].begin());
         st.field_changed[kTrajSample] = 1;
         ++traj_index;
         --traj_remaining;
@@ -991,6 +999,9 @@ void Simulator::set_joints(std::span<const float> positions, std::span<const flo
 }
 void Simulator::set_additional_axis(float position, float speed) {
   KALO_SIM_SET(in.add_pos = position; in.add_speed = speed; in.dirty[73] = in.dirty[74] = true);
+}
+void Simulator::set_trajectory(std::vector<Pose> path) {
+  KALO_SIM_SET(in.trajectory = std::move(path));
 }
 void Simulator::set_center_sphere(const Pose &p) {
   KALO_SIM_SET(in.center_sphere = p; in.dirty[64] = true);

@@ -160,6 +160,9 @@ public:
   // Items 70 and 71; at most 20 values each are held.
   void set_joints(std::span<const float> positions, std::span<const float> speeds);
   void set_additional_axis(float position, float speed); // items 73, 74
+  // The trajectory that sampling streams: sample i (item 29) is path[i % size];
+  // with an empty path (the default) every sample is the handle's pose.
+  void set_trajectory(std::vector<Pose> path);
   void set_center_sphere(const Pose &);                  // item 64
   void set_axis_of_rotation(const Vec3 &);               // item 65
   void set_pose(const Pose &);                           // moves the handle there, at rest

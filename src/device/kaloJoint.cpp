@@ -8,6 +8,7 @@
 #include "device/call_frame.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
 
 namespace {
 
@@ -166,6 +167,46 @@ int32_t kaloSetTexture(KaloContext *context, const float *position, const float 
       return KALO_ERROR_INCORRECT_VALUE;
   }
   kalo::post_field(r, 17);
+  return 0;
+}
+
+// A non-finite wrench is taken for a runaway application: the connection is
+// closed, as for any Cartesian set-point, and 9 is reported globally since the
+// context is gone.
+int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
+  if (!kalo::enter(context))
+    return -1;
+  int32_t points;
+  {
+    kalo::ContextLock hold(context);
+    if (context->active_command_type < 2) {
+      context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
+      return -1;
+    }
+    points = context->control_point_count;
+  }
+  if (wrench == nullptr && points > 0) {
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  for (int32_t i = 0; i < points; ++i) {
+    const float *entry = wrench + 6 * i;
+    for (int k = 0; k < 6; ++k) {
+      if (!std::isfinite(entry[k])) {
+        kaloClose(context);
+        kaloGlobalError = KALO_ERROR_INCORRECT_VALUE;
+        return -1;
+      }
+    }
+    float converted[6];
+    ecriture_texture_force(context, entry, converted, i);
+    if (i < kalo::kControlPointRoom) {
+      kalo::ContextLock hold(context);
+      std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
+    }
+  }
+  kalo::ContextLock hold(context);
+  kalo::post_field(context->command_record, 18);
   return 0;
 }
 

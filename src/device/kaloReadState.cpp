@@ -99,6 +99,8 @@ int32_t kaloGetDeadMan(KaloContext *context, uint32_t *value) {
 int32_t kaloWaitPressButton(KaloContext *context, uint32_t button) {
   if (!kalo::enter(context))
     return -1;
+  // Counted as a waiter so that a close meanwhile leaves the semaphore alive.
+  context->button_waiters.fetch_add(1);
   {
     kalo::ContextLock hold(context);
     const uint32_t now = button_state(*context, button);
@@ -107,7 +109,9 @@ int32_t kaloWaitPressButton(KaloContext *context, uint32_t button) {
     context->button_previous = now;
     context->wait_armed = 1;
   }
-  return TR_attendre_semaphore(context->button_sem) == 0 ? 0 : -1;
+  const int result = TR_attendre_semaphore(context->button_sem) == 0 ? 0 : -1;
+  context->button_waiters.fetch_sub(1);
+  return result;
 }
 
 int32_t CheckPressButton(KaloContext *context) {

@@ -254,7 +254,11 @@ int32_t kaloVmWaitUpperBound(KaloContext *context) {
   });
   if (posted != 0)
     return -1;
-  return TR_attendre_semaphore(context->upper_bound_sem);
+  // Counted as a waiter so that a close meanwhile leaves the semaphore alive.
+  context->upper_bound_waiters.fetch_add(1);
+  const int result = TR_attendre_semaphore(context->upper_bound_sem);
+  context->upper_bound_waiters.fetch_sub(1);
+  return result;
 }
 
 } // extern "C"

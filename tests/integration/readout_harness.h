@@ -90,10 +90,16 @@ protected:
     const std::string url = "udpxdr://127.0.0.1:" + std::to_string(Local) + "#" + std::to_string(Remote);
     ctx = kaloOpen(url.c_str());
     ASSERT_NE(ctx, nullptr) << "kaloOpen: " << kaloGetErrorMessage(kaloGlobalError);
+    // Opening ends by telling the controller our version; that frame belongs
+    // to the opening, not to the first test.
+    EXPECT_TRUE(sim->wait_for_frame_with(78, 1000ms).has_value());
+    sim->wait_for_frames_sent(sim->stats().frames_sent + 5, 1000ms);
+    (void)sim->take_received();
   }
   static void TearDownTestSuite() {
-    if (ctx != nullptr)
+    if (ctx != nullptr) {
       EXPECT_EQ(kaloClose(ctx), 0);
+    }
     ctx = nullptr;
     delete sim;
     sim = nullptr;

@@ -171,6 +171,7 @@ TEST_F(Readout, JointReadersFollowTheAxisCountTakenFromTheController) {
   EXPECT_EQ(got[6], 99.0f);
   EXPECT_EQ(kaloGetNumberOfAxes(ctx), 0);
   EXPECT_EQ(ctx->axis_count, 8);
+  sim->set_joints(q, dq); // now carried with eight values
   settle([&] { return kaloGetArticularSpeed(ctx, got) == 0 && got[7] == -8.0f; });
 
   // Joint set-points now carry eight values, which the controller decodes

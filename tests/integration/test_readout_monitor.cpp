@@ -1,0 +1,76 @@
+// kalo-monitor, the command-line state monitor, against the simulator: one
+// snapshot shows what the controller reports.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "simulator.h"
+
+namespace {
+
+// The tool is built beside the library, in the build tree's tools/.
+std::string monitor_path() {
+  const char *lib = std::getenv("KALO_LIBRARY_FILE");
+  if (lib == nullptr)
+    return {};
+  std::string dir(lib);
+  dir.erase(dir.rfind('/') + 1);
+  return dir + "tools/kalo-monitor";
+}
+
+// Runs the tool; its standard output and exit status.
+std::pair<std::string, int> run(const std::string &command) {
+  std::string out;
+  FILE *p = popen(command.c_str(), "r");
+  if (p == nullptr)
+    return {out, -1};
+  char buf[512];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
+    out.append(buf, n);
+  const int status = pclose(p);
+  return {out, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+} // namespace
+
+TEST(Monitor, OneSnapshotShowsButtonsPowerFailuresAndAlarms) {
+  const std::string tool = monitor_path();
+  if (tool.empty() || access(tool.c_str(), X_OK) != 0)
+    GTEST_SKIP() << "kalo-monitor not built";
+
+  kalo::sim::Config cfg;
+  cfg.port = 17741;
+  kalo::sim::Simulator sim(cfg);
+  ASSERT_TRUE(sim.start());
+  sim.set_buttons(0x8005);
+  sim.set_failure(0x0004);
+  sim.set_alarm(1u << 19);
+  sim.set_power(true);
+
+  const auto [out, status] = run(tool + " --once udpxdr://127.0.0.1:17742#17741");
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("kalo-monitor  udpxdr://127.0.0.1:17742#17741\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("buttons   1 3 16\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("power     on\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("failures  3\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("alarms    0x00090000"), std::string::npos) << out;
+  EXPECT_NE(out.find("shift position yes"), std::string::npos) << out;
+  EXPECT_NE(out.find("pose      "), std::string::npos) << out;
+}
+
+TEST(Monitor, RefusesBadArgumentsAndReportsAMissingController) {
+  const std::string tool = monitor_path();
+  if (tool.empty() || access(tool.c_str(), X_OK) != 0)
+    GTEST_SKIP() << "kalo-monitor not built";
+  EXPECT_EQ(run(tool + " 2>/dev/null").second, 2);
+  EXPECT_EQ(run(tool + " --period fast 127.0.0.1 2>/dev/null").second, 2);
+  EXPECT_EQ(run(tool + " --once tcp://127.0.0.1 2>/dev/null").second, 1);
+  const auto help = run(tool + " --help");
+  EXPECT_EQ(help.second, 0);
+  EXPECT_NE(help.first.find("usage: kalo-monitor"), std::string::npos);
+}

@@ -1,0 +1,167 @@
+/* kalo-monitor: shows the live state of an arm (pose, buttons, power, drive
+ * failures, alarms) on one refreshing terminal screen until Ctrl-C, or a
+ * single snapshot with --once. Written against the public C header only, so
+ * it doubles as a check that kalo.h serves C programs.
+ *
+ *   kalo-monitor [--once] [--period SECONDS] URL
+ *   URL: [udpxdr://]host[:local-port][#controller-port], e.g. 127.0.0.1#5000
+ */
+#define _GNU_SOURCE /* RTLD_DEFAULT */
+
+#include <dlfcn.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "kalo/kalo.h"
+
+static volatile sig_atomic_t stop_requested = 0;
+
+/* The pose reader belongs to the Cartesian command set, which a libkalo built
+ * without it lacks: it is looked up at run time so that the monitor shows the
+ * rest of the state with any build of the library. */
+typedef int32_t (*pose_reader)(KaloContext *, float *);
+
+static pose_reader find_pose_reader(void) {
+  pose_reader reader;
+  void *symbol = dlsym(RTLD_DEFAULT, "kaloGetPosition");
+  memcpy(&reader, &symbol, sizeof reader);
+  return reader;
+}
+
+static void on_signal(int sig) {
+  (void)sig;
+  stop_requested = 1;
+}
+
+static void usage(FILE *out) {
+  fprintf(out, "usage: kalo-monitor [--once] [--period SECONDS] URL\n"
+               "  URL      [udpxdr://]host[:local-port][#controller-port], e.g. 127.0.0.1#5000\n"
+               "  --once   print one snapshot and exit\n"
+               "  --period refresh period of the live screen (default 0.1 s)\n");
+}
+
+/* Lists the set bits of word (bit k named k+1) after label, or "none". */
+static void print_bits(const char *label, uint32_t word, int count) {
+  int any = 0;
+  int k;
+  printf("%-10s", label);
+  for (k = 0; k < count; ++k) {
+    if ((word >> k) & 1u) {
+      printf("%s%d", any ? " " : "", k + 1);
+      any = 1;
+    }
+  }
+  printf("%s\n", any ? "" : "none");
+}
+
+/* One screen of state; 0, or -1 when the connection no longer answers. */
+static int print_snapshot(KaloContext *ctx, const char *url, pose_reader read_pose) {
+  float pose[7];
+  uint32_t buttons = 0, pressed = 0, power = 0, failure = 0, alarm = 0, bounds = 0, shift = 0;
+  uint32_t b;
+
+  for (b = 1; b <= 16; ++b) {
+    if (kaloGetButton(ctx, b, &pressed) != 0)
+      return -1;
+    buttons |= pressed << (b - 1);
+  }
+  if (kaloGetPowerOn(ctx, &power) != 0 || kaloGetFailure(ctx, &failure) != 0 ||
+      kaloGetAlarm(ctx, &alarm) != 0 || kaloIsInBounds(ctx, &bounds) != 0 ||
+      kaloIsInShiftPosition(ctx, &shift) != 0)
+    return -1;
+
+  printf("kalo-monitor  %s\n\n", url);
+  if (read_pose == NULL)
+    printf("%-10s%s\n", "pose", "not available in this library");
+  else if (read_pose(ctx, pose) == 0)
+    printf("%-10sx %+.4f  y %+.4f  z %+.4f   q %+.4f %+.4f %+.4f %+.4f\n", "pose", pose[0],
+           pose[1], pose[2], pose[3], pose[4], pose[5], pose[6]);
+  else
+    printf("%-10s%s\n", "pose", kaloGetErrorMessage(kaloGetErrorCode(ctx)));
+  print_bits("buttons", buttons, 16);
+  printf("%-10s%s\n", "power", power ? "on" : "off");
+  print_bits("failures", failure & 0xFFu, 8);
+  printf("%-10s0x%08x   bounds 0x%04x   shift position %s\n", "alarms", (unsigned)alarm,
+         (unsigned)bounds, shift ? "yes" : "no");
+  fflush(stdout);
+  return 0;
+}
+
+static void sleep_seconds(double s) {
+  struct timespec t;
+  t.tv_sec = (time_t)s;
+  t.tv_nsec = (long)((s - (double)t.tv_sec) * 1e9);
+  nanosleep(&t, NULL);
+}
+
+int main(int argc, char **argv) {
+  int once = 0;
+  double period = 0.1;
+  const char *url = NULL;
+  int i, status = 0;
+  KaloContext *ctx;
+  struct sigaction sa;
+  pose_reader read_pose = find_pose_reader();
+
+  for (i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "--once") == 0) {
+      once = 1;
+    } else if (strcmp(argv[i], "--period") == 0 && i + 1 < argc) {
+      char *end = NULL;
+      period = strtod(argv[++i], &end);
+      if (end == argv[i] || *end != '\0' || !(period >= 0.01 && period <= 60.0)) {
+        fprintf(stderr, "kalo-monitor: --period takes seconds between 0.01 and 60\n");
+        return 2;
+      }
+    } else if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+      usage(stdout);
+      return 0;
+    } else if (argv[i][0] == '-' || url != NULL) {
+      usage(stderr);
+      return 2;
+    } else {
+      url = argv[i];
+    }
+  }
+  if (url == NULL) {
+    usage(stderr);
+    return 2;
+  }
+
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = on_signal;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGINT, &sa, NULL);
+  sigaction(SIGTERM, &sa, NULL);
+
+  ctx = kaloOpen(url);
+  if (ctx == NULL) {
+    fprintf(stderr, "kalo-monitor: cannot open %s: %s\n", url, kaloGetErrorMessage(kaloGlobalError));
+    return 1;
+  }
+
+  if (once) {
+    status = print_snapshot(ctx, url, read_pose) == 0 ? 0 : 1;
+  } else {
+    const int tty = isatty(STDOUT_FILENO);
+    while (!stop_requested) {
+      if (tty)
+        fputs("\033[H\033[J", stdout); /* home, clear: one screen redrawn in place */
+      if (print_snapshot(ctx, url, read_pose) != 0) {
+        status = 1;
+        break;
+      }
+      if (!tty)
+        putchar('\n');
+      sleep_seconds(period);
+    }
+  }
+  if (status != 0)
+    fprintf(stderr, "kalo-monitor: %s\n", kaloGetErrorMessage(kaloGetErrorCode(ctx)));
+  kaloClose(ctx);
+  return status;
+}
