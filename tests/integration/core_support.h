@@ -1,12 +1,19 @@
 // Helpers of the connection-core integration tests: a simulator and a
-// connection to it on explicit loopback ports, and small waits.
+// connection to it on loopback, and small waits. Ports are picked free at run
+// time (the simulator binds port 0, the library a port found free just
+// before), so that test files run in parallel, and the same tests run from
+// other build directories on the machine, never collide.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdint>
+#include <arpa/inet.h>
 #include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <semaphore.h>
 #include <string>
 #include <thread>
@@ -26,7 +33,24 @@ inline std::string url_for(uint16_t local, uint16_t remote, const char *host = "
          std::to_string(remote);
 }
 
-inline kalo::sim::Config sim_config(uint16_t port) {
+// A UDP port that is free now (the kernel hands out ephemeral ports in turn,
+// so it stays free for the moment the test needs it).
+inline uint16_t free_udp_port() {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_ANY);
+  socklen_t len = sizeof a;
+  uint16_t port = 0;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
+    port = ntohs(a.sin_port);
+  if (fd >= 0)
+    close(fd);
+  return port;
+}
+
+inline kalo::sim::Config sim_config(uint16_t port = 0) {
   kalo::sim::Config cfg;
   cfg.port = port;
   cfg.realtime = false;
@@ -39,7 +63,8 @@ struct Link {
   KaloContext *ctx = nullptr;
   uint16_t local;
 
-  Link(const kalo::sim::Config &cfg, uint16_t local_port) : sim(cfg), local(local_port) {}
+  explicit Link(const kalo::sim::Config &cfg, uint16_t local_port = 0)
+      : sim(cfg), local(local_port != 0 ? local_port : free_udp_port()) {}
   ~Link() { close(); }
 
   // Starts the simulator and opens the library on it.

@@ -13,8 +13,6 @@ namespace {
 
 using namespace core_test;
 
-// Ports of this file: 23160-23169.
-
 constexpr int kThreads = 4;
 // One integer command field per thread.
 constexpr std::array<int, kThreads> kFields = {77, 79, 86, 87};
@@ -45,9 +43,9 @@ struct LoopWork {
 };
 
 TEST(CoreConcurrency, FourThreadsAndTheLoopForTenSeconds) {
-  auto cfg = sim_config(23160);
+  auto cfg = sim_config();
   cfg.max_recorded = 1000000;
-  Link link(cfg, 23161);
+  Link link(cfg);
   ASSERT_TRUE(link.open()) << kaloGlobalError;
   KaloContext *ctx = link.ctx;
   link.sim.take_received();

@@ -10,24 +10,24 @@ namespace {
 
 using namespace core_test;
 
-// Ports of this file: 23100-23119.
-
 TEST(CoreConnection, ThreeSpellingsOfOneHostOpenWithTheGivenPorts) {
-  const char *spellings[] = {"localhost:23101#23100", "udpxdr://localhost:23102#23100",
-                             "url:localhost:23103#23100"};
-  const uint16_t local_ports[] = {23101, 23102, 23103};
-  kalo::sim::Simulator sim(sim_config(23100));
+  kalo::sim::Simulator sim(sim_config());
   ASSERT_TRUE(sim.start());
-  for (int i = 0; i < 3; ++i) {
+  const std::string remote = std::to_string(sim.port());
+  for (const char *prefix : {"", "udpxdr://", "url:"}) {
+    const uint16_t local = free_udp_port();
+    const std::string url =
+        prefix + std::string("localhost:") + std::to_string(local) + "#" + remote;
+    const char *spelling = url.c_str();
     sim.take_received();
-    KaloContext *ctx = kaloOpen(spellings[i]);
-    ASSERT_NE(ctx, nullptr) << spellings[i] << ": error " << kaloGlobalError;
+    KaloContext *ctx = kaloOpen(spelling);
+    ASSERT_NE(ctx, nullptr) << spelling << ": error " << kaloGlobalError;
     const auto frames = sim.take_received();
     ASSERT_FALSE(frames.empty());
-    EXPECT_EQ(ntohs(frames.front().from.sin_port), local_ports[i]) << spellings[i];
+    EXPECT_EQ(ntohs(frames.front().from.sin_port), local) << spelling;
     EXPECT_EQ(kaloClose(ctx), 0);
     // The closing request reached the controller.
-    EXPECT_TRUE(sim.wait_for_frame_with(37, 1000ms).has_value()) << spellings[i];
+    EXPECT_TRUE(sim.wait_for_frame_with(37, 1000ms).has_value()) << spelling;
   }
 }
 
@@ -46,9 +46,9 @@ TEST(CoreConnection, DefaultPortsAre5000AndTheFirstFreeOfTheLocalRange) {
 }
 
 TEST(CoreConnection, APlusSuffixOfTheControllerPortIsIgnored) {
-  kalo::sim::Simulator sim(sim_config(23104));
+  kalo::sim::Simulator sim(sim_config());
   ASSERT_TRUE(sim.start());
-  KaloContext *ctx = kaloOpen("udpxdr://127.0.0.1:23105#23104+extra");
+  KaloContext *ctx = kaloOpen((url_for(free_udp_port(), sim.port()) + "+extra").c_str());
   ASSERT_NE(ctx, nullptr) << kaloGlobalError;
   EXPECT_EQ(kaloClose(ctx), 0);
 }
@@ -57,7 +57,7 @@ TEST(CoreConnection, NoControllerGivesCode2AfterTheFirstFrameWaitAndTheClose) {
   const int threads_before = thread_count();
   kaloGlobalError = 0;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(kaloOpen(url_for(23106, 23107).c_str()), nullptr);
+  EXPECT_EQ(kaloOpen(url_for(free_udp_port(), free_udp_port()).c_str()), nullptr);
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);

@@ -11,8 +11,6 @@ namespace {
 
 using namespace core_test;
 
-// Ports of this file: 23120-23139.
-
 // Payload sizes of the items these tests send or expect.
 int item_size(int id) {
   static const std::map<int, int> sizes = {{1, 4}, {11, 4}, {20, 4}, {50, 4}, {78, 8}, {87, 4}};
@@ -43,10 +41,10 @@ int32_t big_endian_int(const uint8_t *p) {
 class CoreExchange : public ::testing::Test {
 protected:
   static void SetUpTestSuite() {
-    auto cfg = sim_config(23120);
+    auto cfg = sim_config();
     cfg.device_type = 7;
     cfg.serial_number = 1234;
-    link_ = new Link(cfg, 23121);
+    link_ = new Link(cfg);
     ASSERT_TRUE(link_->open()) << kaloGlobalError;
     // Our version, posted last by the open, goes out with the next frame.
     std::this_thread::sleep_for(50ms);
@@ -285,10 +283,10 @@ TEST_F(CoreExchange, TheSpeedFactorFilterStepsOncePerStateFrame) {
 }
 
 TEST(CoreHandshake, AVersion2ControllerNeverReceivesOurVersion) {
-  auto cfg = sim_config(23122);
+  auto cfg = sim_config();
   cfg.version_major = 2;
   cfg.version_minor = 50;
-  Link link(cfg, 23123);
+  Link link(cfg);
   ASSERT_TRUE(link.open()) << kaloGlobalError;
   EXPECT_FLOAT_EQ(link.ctx->controller_version, 2.5f);
   int32_t type = 0, serial = 0;

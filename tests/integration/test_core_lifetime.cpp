@@ -10,18 +10,16 @@ namespace {
 
 using namespace core_test;
 
-// Ports of this file: 23170-23189.
-
 std::size_t heap_in_use() {
   return mallinfo2().uordblks;
 }
 
 TEST(CoreLifetime, ThirtyOpenCloseCyclesLeaveNoThreadAndNoHeapBehind) {
-  auto cfg = sim_config(23170);
+  auto cfg = sim_config();
   cfg.record_received = false; // the simulator's own memory must not move
   kalo::sim::Simulator sim(cfg);
   ASSERT_TRUE(sim.start());
-  const std::string url = url_for(23171, 23170);
+  const std::string url = url_for(free_udp_port(), sim.port());
   const int threads = thread_count();
 
   auto cycle = [&] {
@@ -55,7 +53,7 @@ void start_watchdog(KaloContext *ctx) {
 
 TEST(CoreLifetime, ASilentControllerUnderTheWatchdogTurnsCallsIntoCode2AndCloseStillReturns) {
   const int threads = thread_count();
-  Link link(sim_config(23172), 23173);
+  Link link(sim_config());
   ASSERT_TRUE(link.open()) << kaloGlobalError;
   start_watchdog(link.ctx);
   std::this_thread::sleep_for(300ms);
@@ -83,7 +81,7 @@ TEST(CoreLifetime, ASilentControllerUnderTheWatchdogTurnsCallsIntoCode2AndCloseS
 
 TEST(CoreLifetime, TheWatchdogLeavesAStreamingConnectionAloneAndEndsWithTheClose) {
   const int threads = thread_count();
-  Link link(sim_config(23174), 23175);
+  Link link(sim_config());
   ASSERT_TRUE(link.open()) << kaloGlobalError;
   start_watchdog(link.ctx);
   std::this_thread::sleep_for(500ms);
@@ -94,7 +92,7 @@ TEST(CoreLifetime, TheWatchdogLeavesAStreamingConnectionAloneAndEndsWithTheClose
 
 TEST(CoreLifetime, AFailedSendDisconnectsAndTheApplicationsCloseReleasesEverything) {
   const int threads = thread_count();
-  Link link(sim_config(23176), 23177);
+  Link link(sim_config());
   ASSERT_TRUE(link.open()) << kaloGlobalError;
   // From now on every send of the library fails (EPIPE); receiving goes on.
   shutdown(link.ctx->session, SHUT_WR);
