@@ -32,10 +32,6 @@
 namespace {
 
 constexpr int kFrames = 10000;
-constexpr uint16_t kControllerPort = 23190;
-constexpr uint16_t kLibraryPort = 23191;
-constexpr uint16_t kEchoPortA = 23192;
-constexpr uint16_t kEchoPortB = 23193;
 constexpr int kMarkedField = 87;
 
 double now_us() {
@@ -52,6 +48,15 @@ void sleep_until_us(double deadline_us) {
   }
 }
 
+// The port a socket is bound to.
+uint16_t port_of(int fd) {
+  sockaddr_in a{};
+  socklen_t len = sizeof a;
+  getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+  return ntohs(a.sin_port);
+}
+
+// A loopback UDP socket on the given port (0: any free one).
 int udp_socket(uint16_t port, long receive_timeout_us) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in a{};
@@ -63,6 +68,14 @@ int udp_socket(uint16_t port, long receive_timeout_us) {
   timeval tv{0, receive_timeout_us};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   return fd;
+}
+
+// A port free at this moment, for the library's side.
+uint16_t free_port() {
+  const int fd = udp_socket(0, 0);
+  const uint16_t port = port_of(fd);
+  close(fd);
+  return port;
 }
 
 sockaddr_in loopback(uint16_t port) {
@@ -116,6 +129,7 @@ public:
       close(fd_);
   }
   bool ok() const { return fd_ >= 0; }
+  uint16_t port() const { return port_of(fd_); }
 
   // A typical state frame: time stamp, position, speed, failure, buttons,
   // alarm, plus whatever the library asked for.
@@ -175,7 +189,7 @@ private:
 
 void BM_ExchangeRoundTrip(benchmark::State &state) {
   const double period_us = 1e6 / static_cast<double>(state.range(0));
-  MiniController controller(kControllerPort);
+  MiniController controller(0);
   if (!controller.ok()) {
     state.SkipWithError("controller port in use");
     return;
@@ -193,9 +207,9 @@ void BM_ExchangeRoundTrip(benchmark::State &state) {
     }
   });
   // The serving thread answers within its receive time-out; give it the frames.
-  KaloContext *ctx = kaloOpen(
-      ("udpxdr://127.0.0.1:" + std::to_string(kLibraryPort) + "#" + std::to_string(kControllerPort))
-          .c_str());
+  KaloContext *ctx = kaloOpen(("udpxdr://127.0.0.1:" + std::to_string(free_port()) + "#" +
+                               std::to_string(controller.port()))
+                                  .c_str());
   opened = true;
   serve.join();
   if (ctx == nullptr) {
@@ -244,8 +258,8 @@ BENCHMARK(BM_ExchangeRoundTrip)
 // second socket, the physical floor of the loopback round trip.
 void BM_BareUdpEcho(benchmark::State &state) {
   const double period_us = 1e6 / static_cast<double>(state.range(0));
-  const int a = udp_socket(kEchoPortA, 20000);
-  const int b = udp_socket(kEchoPortB, 100000);
+  const int a = udp_socket(0, 20000);
+  const int b = udp_socket(0, 100000);
   if (a < 0 || b < 0) {
     state.SkipWithError("echo ports in use");
     return;
@@ -253,14 +267,14 @@ void BM_BareUdpEcho(benchmark::State &state) {
   std::atomic<bool> stop{false};
   std::thread echo([&] {
     unsigned char buffer[1446];
-    const sockaddr_in to = loopback(kEchoPortA);
+    const sockaddr_in to = loopback(port_of(a));
     while (!stop.load()) {
       if (recv(b, buffer, sizeof buffer, 0) > 0)
         sendto(b, buffer, 16, 0, reinterpret_cast<const sockaddr *>(&to),
                sizeof to); // a command frame's size
     }
   });
-  const sockaddr_in to = loopback(kEchoPortB);
+  const sockaddr_in to = loopback(port_of(b));
   unsigned char frame[80] = {}; // the state frame's datagram size
   unsigned char answer[1446];
   std::vector<double> latencies;
