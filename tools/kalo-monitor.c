@@ -78,8 +78,8 @@ static int print_snapshot(KaloContext *ctx, const char *url, pose_reader read_po
   if (read_pose == NULL)
     printf("%-10s%s\n", "pose", "not available in this library");
   else if (read_pose(ctx, pose) == 0)
-    printf("%-10sx %+.4f  y %+.4f  z %+.4f   q %+.4f %+.4f %+.4f %+.4f\n", "pose", pose[0],
-           pose[1], pose[2], pose[3], pose[4], pose[5], pose[6]);
+    printf("%-10sx %+.4f  y %+.4f  z %+.4f   q %+.4f %+.4f %+.4f %+.4f\n", "pose", pose[0], pose[1],
+           pose[2], pose[3], pose[4], pose[5], pose[6]);
   else
     printf("%-10s%s\n", "pose", kaloGetErrorMessage(kaloGetErrorCode(ctx)));
   print_bits("buttons", buttons, 16);
@@ -140,7 +140,8 @@ int main(int argc, char **argv) {
 
   ctx = kaloOpen(url);
   if (ctx == NULL) {
-    fprintf(stderr, "kalo-monitor: cannot open %s: %s\n", url, kaloGetErrorMessage(kaloGlobalError));
+    fprintf(stderr, "kalo-monitor: cannot open %s: %s\n", url,
+            kaloGetErrorMessage(kaloGlobalError));
     return 1;
   }
 

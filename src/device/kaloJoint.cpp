@@ -28,8 +28,8 @@ inline size_t axis_values(const KaloContext &c) {
 }
 
 // One joint array (axis_count values) into field `field` of the command record.
-int set_articular(KaloContext *ctx, const float *q, float (ExchangeRecord::*member)[kalo::kArticularRoom],
-                  int field) {
+int set_articular(KaloContext *ctx, const float *q,
+                  float (ExchangeRecord::*member)[kalo::kArticularRoom], int field) {
   if (articular_refused(ctx))
     return KALO_ERROR_INCOMPATIBLE_VERSION;
   return kalo::locked_call(ctx, [&](KaloContext &c) {
@@ -53,7 +53,9 @@ int set_additional_axis(KaloContext *ctx, const float *value, float ExchangeReco
   });
 }
 
-inline bool in_unit_range(float x) { return x >= 0.0f && x <= 1.0f; }
+inline bool in_unit_range(float x) {
+  return x >= 0.0f && x <= 1.0f;
+}
 
 } // namespace
 

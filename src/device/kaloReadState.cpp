@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr uint32_t kBoundsMask = 0x3FFFu;     // status word bits 0..13
-constexpr uint32_t kAlarmMask = 0xFFFFC000u;  // status word bits 14..31
+constexpr uint32_t kBoundsMask = 0x3FFFu;    // status word bits 0..13
+constexpr uint32_t kAlarmMask = 0xFFFFC000u; // status word bits 14..31
 constexpr int kPowerBit = 16;
 constexpr int kLoopOverrunBit = 17;
 constexpr int kShiftPositionBit = 19;
@@ -61,7 +61,8 @@ inline int32_t clamp_axes(int32_t n) {
 }
 
 // Copies an array member of the state record out to the caller.
-template <size_t N> int copy_state(KaloContext *ctx, float (ExchangeRecord::*member)[N], float *to) {
+template <size_t N>
+int copy_state(KaloContext *ctx, float (ExchangeRecord::*member)[N], float *to) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (to == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;

@@ -23,7 +23,8 @@ namespace readout_it {
 using namespace std::chrono_literals;
 
 // True once pred() holds, polling every millisecond; false after timeout.
-inline bool eventually(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 2000ms) {
+inline bool eventually(const std::function<bool()> &pred,
+                       std::chrono::milliseconds timeout = 2000ms) {
   const auto end = std::chrono::steady_clock::now() + timeout;
   while (!pred()) {
     if (std::chrono::steady_clock::now() > end)
@@ -87,7 +88,8 @@ protected:
     sim = new kalo::sim::Simulator(cfg);
     std::string why;
     ASSERT_TRUE(sim->start(&why)) << why;
-    const std::string url = "udpxdr://127.0.0.1:" + std::to_string(Local) + "#" + std::to_string(Remote);
+    const std::string url =
+        "udpxdr://127.0.0.1:" + std::to_string(Local) + "#" + std::to_string(Remote);
     ctx = kaloOpen(url.c_str());
     ASSERT_NE(ctx, nullptr) << "kaloOpen: " << kaloGetErrorMessage(kaloGlobalError);
     // Opening ends by telling the controller our version; that frame belongs
@@ -128,7 +130,8 @@ protected:
   // Waits until the library has sent every identifier of `wanted` (the time
   // stamp 1 goes with every frame) and fails on any other. Returns the
   // simulator's accumulated command record.
-  ExchangeRecord expect_sent(std::initializer_list<int> wanted, std::chrono::milliseconds timeout = 2000ms) {
+  ExchangeRecord expect_sent(std::initializer_list<int> wanted,
+                             std::chrono::milliseconds timeout = 2000ms) {
     std::set<int> missing(wanted);
     std::set<int> allowed(wanted);
     allowed.insert(1);

@@ -23,7 +23,8 @@ struct Controller {
   Controller(int major, int minor) : sim(config(major, minor)) {
     std::string why;
     EXPECT_TRUE(sim.start(&why)) << why;
-    const std::string url = "udpxdr://127.0.0.1:" + std::to_string(kLocal) + "#" + std::to_string(kRemote);
+    const std::string url =
+        "udpxdr://127.0.0.1:" + std::to_string(kLocal) + "#" + std::to_string(kRemote);
     ctx = kaloOpen(url.c_str());
     EXPECT_NE(ctx, nullptr);
     EXPECT_TRUE(sim.wait_for_frame_with(78, 1000ms).has_value());
@@ -75,7 +76,8 @@ TEST(VersionGates, EachCallOpensAboveItsThreshold) {
     Controller dev(c.major, c.minor);
     ASSERT_NE(dev.ctx, nullptr);
     KaloContext *ctx = dev.ctx;
-    EXPECT_EQ(ctx->controller_version, static_cast<float>(c.major) + static_cast<float>(c.minor) / 100.0f);
+    EXPECT_EQ(ctx->controller_version,
+              static_cast<float>(c.major) + static_cast<float>(c.minor) / 100.0f);
 
     auto expect = [&](int result, int field) {
       EXPECT_EQ(result, c.accepted.count(field) ? 0 : 20) << "field " << field;

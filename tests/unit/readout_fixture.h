@@ -38,7 +38,8 @@ struct FakeContext {
   }
   ~FakeContext() {
     KaloContext &c = *ctx;
-    for (TR_SEMAPHORE *s : {c.lock, c.reply_sem, c.traj_sample_sem, c.button_sem, c.upper_bound_sem})
+    for (TR_SEMAPHORE *s :
+         {c.lock, c.reply_sem, c.traj_sample_sem, c.button_sem, c.upper_bound_sem})
       TR_detruire_semaphore(s);
     if (c.output_stream != nullptr)
       std::fclose(c.output_stream);

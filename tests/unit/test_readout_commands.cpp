@@ -283,7 +283,7 @@ TEST(JointSpace, SettersPostAxisCountValuesAboveVersion355) {
   EXPECT_EQ(f.posted(), "70,71,72");
   using Member = float(ExchangeRecord::*)[kalo::kArticularRoom];
   for (Member member : {&ExchangeRecord::articular_position, &ExchangeRecord::articular_speed,
-                       &ExchangeRecord::articular_force}) {
+                        &ExchangeRecord::articular_force}) {
     const float *sent = f->command_record.*member;
     EXPECT_EQ(sent[3], 2.0f);
     EXPECT_EQ(sent[4], 0.0f) << "axis_count values, no more";

@@ -19,8 +19,7 @@ using readout_test::FakeContext;
 namespace {
 
 const char kDiagnosticBanner[] = "\n****************** Diagnostic materiel ******************\n";
-const char kClosingLine[] =
-    "**************************************************************\n";
+const char kClosingLine[] = "**************************************************************\n";
 
 } // namespace
 
@@ -359,7 +358,8 @@ TEST(PoseConversion, MatrixAgreesWithAnIndependentOracleAndConvertsBack) {
     float back[7];
     ASSERT_EQ(kaloConvertHomogeneMatrixToDepl(f.get(), back, m), 0);
     const Eigen::Quaterniond u = q.normalized();
-    const double sign = (back[3] * u.x() + back[4] * u.y() + back[5] * u.z() + back[6] * u.w()) < 0 ? -1 : 1;
+    const double sign =
+        (back[3] * u.x() + back[4] * u.y() + back[5] * u.z() + back[6] * u.w()) < 0 ? -1 : 1;
     for (int i = 0; i < 3; ++i)
       ASSERT_EQ(back[i], pose[i]);
     ASSERT_NEAR(back[3], sign * u.x(), 1e-5) << sample;
