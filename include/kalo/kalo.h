@@ -109,7 +109,104 @@ KALO_API int32_t kaloStopLoop(KaloContext *context);
 
 /* ---- Command types and Cartesian commands --------------------------------- */
 
+/* Set-points hold one entry per control point (kaloGetRobotNumberOfControlPoints):
+ * a position is 7 floats (x, y, z, then the quaternion x, y, z, w) in the
+ * observation frame, a speed 6 floats (linear, then angular), a force 6 floats
+ * (force, then moment). A NaN or infinite value in any set-point closes the
+ * connection: the call returns -1, kaloGlobalError holds 9 and the handle is
+ * dead. Calls used in a command type that does not allow them fail with 17. */
+
+/* Chooses how the arm is driven: 0 (none), 3, 4 and 5 (coupling types, where
+ * the library computes the coupling force), 6, 7. 1 gives 18, 2 and above 7
+ * give 9. */
+KALO_API int32_t kaloSetCommandType(KaloContext *context, uint32_t type);
+/* Asks the controller which command type it runs (code 6 without reply). */
+KALO_API int32_t kaloGetCommandType(KaloContext *context, uint32_t *type);
+/* Force set-points (command types 3, 6, 7). */
+KALO_API int32_t kaloSetForce(KaloContext *context, const float *force);
+/* A wrench added to whatever the controller applies (controllers above 3.0;
+ * the bare 7 otherwise). Allowed in every command type. */
+KALO_API int32_t kaloAddForce(KaloContext *context, const float force[6]);
+/* Position set-points (command type 2 and above); a quaternion that is not of
+ * unit length gives 9 and leaves the connection open. In the coupling types
+ * the first accepted set-point also switches the power on. */
+KALO_API int32_t kaloSetPosition(KaloContext *context, const float *position);
+/* Speed set-points (all command types but 0 and 3). In the coupling types each
+ * set-point passes the kinetic-energy guard: the first accepted one switches
+ * the power on; a refused one switches it off again (code 12), after which the
+ * power returns once the guard stayed quiet for 10 s of time steps. */
+KALO_API int32_t kaloSetSpeed(KaloContext *context, const float *speed);
+/* The device's pose per control point, as the last state frame gave it. */
+KALO_API int32_t kaloGetPosition(KaloContext *context, float *position);
+/* The device's speed per control point, converted for the application. */
+KALO_API int32_t kaloGetSpeed(KaloContext *context, float *speed);
+/* Raw readings of the last state frame (no conversion). */
+KALO_API int32_t kaloGetPhysicalPosition(KaloContext *context, float position[7]);
+KALO_API int32_t kaloGetPhysicalSpeed(KaloContext *context, float speed[6]);
+KALO_API int32_t kaloGetAvatarPosition(KaloContext *context, float position[7]);
+/* Switches the power on (1) or off (0); other values give 9. */
+KALO_API int32_t kaloSetPowerOn(KaloContext *context, uint32_t on);
+/* Speed control with its two values (both at least 0, else 9). */
+KALO_API int32_t kaloActiveSpeedControl(KaloContext *context, float a, float b);
+KALO_API int32_t kaloDeactiveSpeedControl(KaloContext *context);
+/* The same for rotations (controllers above 3.2). */
+KALO_API int32_t kaloActiveRotationSpeedControl(KaloContext *context, float a, float b);
+KALO_API int32_t kaloDeactiveRotationSpeedControl(KaloContext *context);
+/* Force and torque limits of speed control (controllers above 3.55). */
+KALO_API int32_t kaloSetForceInSpeedControl(KaloContext *context, float force);
+KALO_API int32_t kaloSetTorqueInSpeedControl(KaloContext *context, float torque);
+/* The controller's speed-control and rotation speed-control states
+ * (controllers above 3.55). */
+KALO_API int32_t kaloIsInSpeedControl(KaloContext *context, int32_t *first, int32_t *second);
+/* Enables or disables force feedback (the value is passed as given). */
+KALO_API int32_t kaloEnableForceFeedback(KaloContext *context, int32_t enable);
+/* Forces the shift button's state (controllers of version 3.0 and above). */
+KALO_API int32_t kaloForceShiftButton(KaloContext *context, int32_t value);
+/* Indexing mode 0..7 (9 above); the getter returns the last value set. */
+KALO_API int32_t kaloSetIndexingMode(KaloContext *context, uint32_t mode);
+KALO_API int32_t kaloGetIndexingMode(KaloContext *context, uint32_t *mode);
+
 /* ---- Parameters ----------------------------------------------------------- */
+
+/* The application's time step in seconds (above 0, else 9; 0.1 at open). It
+ * sets the coupling gains of kaloAttachVO and the energy guard's counts. */
+KALO_API int32_t kaloSetTimeStep(KaloContext *context, float step);
+KALO_API int32_t kaloGetTimeStep(KaloContext *context, float *step);
+/* Microseconds since the controller stamped its last state frame. */
+KALO_API int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age);
+/* Speed factor (above 0, else 9): taken at once in command type 3, approached
+ * smoothly (0.5 Hz) otherwise. The getter returns the factor asked for. */
+KALO_API int32_t kaloSetSpeedFactor(KaloContext *context, float factor);
+KALO_API int32_t kaloGetSpeedFactor(KaloContext *context, float *factor);
+/* Force factor (above 0, else 9). */
+KALO_API int32_t kaloSetForceFactor(KaloContext *context, float factor);
+KALO_API int32_t kaloGetForceFactor(KaloContext *context, float *factor);
+/* The controller's simulation stiffness and damping, 6 values each (linear,
+ * then angular); the getters ask the controller (code 6 without reply). */
+KALO_API int32_t kaloSetSimulationStiffness(KaloContext *context, const float stiffness[6]);
+KALO_API int32_t kaloGetSimulationStiffness(KaloContext *context, float stiffness[6]);
+KALO_API int32_t kaloSetSimulationDamping(KaloContext *context, const float damping[6]);
+KALO_API int32_t kaloGetSimulationDamping(KaloContext *context, float damping[6]);
+/* Observation and base frames (a non-unit quaternion gives 9); the getters
+ * return the last frame set. */
+KALO_API int32_t kaloSetObservationFrame(KaloContext *context, const float frame[7]);
+KALO_API int32_t kaloGetObservationFrame(KaloContext *context, float frame[7]);
+/* The speed of the observation frame (no reader). */
+KALO_API int32_t kaloSetObservationFrameSpeed(KaloContext *context, const float twist[6]);
+KALO_API int32_t kaloSetBaseFrame(KaloContext *context, const float frame[7]);
+KALO_API int32_t kaloGetBaseFrame(KaloContext *context, float frame[7]);
+/* Catch frames, one per control point; the first one is also the servo's
+ * object displacement, which the getter returns. */
+KALO_API int32_t kaloSetCatchFrame(KaloContext *context, const float *frame);
+KALO_API int32_t kaloGetCatchFrame(KaloContext *context, float frame[7]);
+/* The connection watchdog's period in seconds (above 0, else 9). */
+KALO_API int32_t kaloSetTimeoutValue(KaloContext *context, float seconds);
+KALO_API int32_t kaloGetTimeoutValue(KaloContext *context, float *seconds);
+/* Bit 0: gain printouts and loop overrun messages. */
+KALO_API int32_t kaloSetDebugFlags(KaloContext *context, uint32_t flags);
+/* Sends the diagnostics to a file (truncated); when it cannot be opened: code
+ * 4, and diagnostics go to standard output. */
+KALO_API int32_t kaloSetOutputFile(KaloContext *context, const char *path);
 
 /* ---- Device state readout and diagnostics --------------------------------- */
 
@@ -218,8 +315,29 @@ KALO_API int32_t kaloVmWaitUpperBound(KaloContext *context);
 
 /* ---- Virtual objects ------------------------------------------------------ */
 
+/* In the coupling command types the application simulates an object and the
+ * library couples it to the arm with a 6D spring and damper. Objects attach to
+ * control points in order; an attach when every point has one returns -1 with
+ * no error code. Attaching needs command type 2 or above (17 otherwise) and is
+ * completed by the next kaloSetPosition. */
+
+/* Attaches an object of the given mass (above 0, else 9) and inertia (3 x 3,
+ * row by row; its diagonal is used); the gains follow from the time step. */
+KALO_API int32_t kaloAttachVO(KaloContext *context, const float inertia[9], float mass);
+/* The same, reported to the controller as an avatar. */
+KALO_API int32_t kaloAttachVOAvatar(KaloContext *context, const float inertia[9], float mass);
+/* Attaches an object with the given stiffness and damping (6 each, angular first). */
+KALO_API int32_t kaloAttachQSVO(KaloContext *context, const float stiffness[6],
+                                const float damping[6]);
 /* Detaches every virtual object and zeroes the coupling gains. */
 KALO_API int32_t kaloDetachVO(KaloContext *context);
+/* The same for avatars. */
+KALO_API int32_t kaloDetachVOAvatar(KaloContext *context);
+/* Runs one servo cycle per control point and returns the coupling wrenches
+ * (6 floats each) to apply to the virtual object (command types 2, 4 to 7). */
+KALO_API int32_t kaloGetForce(KaloContext *context, float *force);
+/* The two torque saturation values (both above 0, else 9). */
+KALO_API int32_t kaloSaturateTorque(KaloContext *context, float a, float b);
 
 /* ---- Joint space, additional axis and device outputs ---------------------- */
 

@@ -84,6 +84,11 @@ KALO_API void *_kaloLoop(void *context);
 KALO_API int32_t sendAPIVersion(KaloContext *context);
 /* Asks the controller for its maximum linear and angular speeds (item 56). */
 KALO_API int32_t getMaxSpeed(KaloContext *context);
+/* Sends the smoothed speed factor (item 4). */
+KALO_API int32_t SendSpeedFactor(KaloContext *context);
+/* Sends the servo's coupling gains to the controller and takes back what it
+ * acknowledges (used by kaloGetForce once an attached object is reached). */
+KALO_API int32_t kaloModifGains(KaloContext *context);
 /* Button edge check run by the exchange thread when the buttons field arrives. */
 KALO_API int32_t CheckPressButton(KaloContext *context);
 

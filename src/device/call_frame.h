@@ -68,6 +68,37 @@ template <class Work> int gated_call(KaloContext *ctx, double minimum, Work &&wo
   return locked_call(ctx, static_cast<Work &&>(work));
 }
 
+// Control points the set-point and servo calls work on: the controller's
+// count, kept within the exchange record's room and the servo records that
+// exist, so that a count from the wire never indexes past either.
+inline int32_t points_in_use(const KaloContext &c) {
+  int32_t n = c.control_point_count;
+  if (n > kControlPointRoom)
+    n = kControlPointRoom;
+  if (n > c.servo_point_count)
+    n = c.servo_point_count;
+  if (c.servo == nullptr || n < 0)
+    n = 0;
+  return n;
+}
+
+// The set-point test: not NaN and no larger in magnitude than the largest float.
+inline bool all_finite(const float *v, int n) {
+  for (int k = 0; k < n; ++k)
+    if (!(v[k] == v[k]) || v[k] > 3.4028235e38f || v[k] < -3.4028235e38f)
+      return false;
+  return true;
+}
+
+// A non-finite set-point must never reach the arm: the connection is closed
+// (the caller must not hold the lock) and, the context being gone, code 9 is
+// reported in kaloGlobalError.
+inline int reject_non_finite(KaloContext *ctx) {
+  kaloClose(ctx);
+  kaloGlobalError = KALO_ERROR_INCORRECT_VALUE;
+  return -1;
+}
+
 } // namespace kalo
 
 #include <cerrno>

@@ -44,6 +44,7 @@ struct KaloContext {
   int32_t session;
   uint32_t debug_flags; // bit 0: gain printouts and overrun messages
   FILE *output_stream;  // diagnostics; standard output unless kaloSetOutputFile chose a file
+  FILE *opened_output;  // the stream kaloSetOutputFile opened last (closed when replaced)
   float watchdog_period;
   uint32_t watchdog_counter;
   std::atomic<uint32_t> connected;
@@ -100,7 +101,9 @@ struct KaloContext {
   uint64_t frames_sent;
   uint64_t frames_received;
 
-  // ---- per-control-point arrays, allocated after connecting
+  // ---- per-control-point arrays, allocated after connecting for
+  // point_array_count points (the controller's count, at least 1, bounded)
+  int32_t point_array_count;
   float *gain_stiffness_buffer; // 6 per point
   float *gain_damping_buffer;   // 6 per point
   float *scratch_speed;         // 6 per point (kaloGetForce)
@@ -116,8 +119,10 @@ struct KaloContext {
   ServoPoint *servo; // servo_point_count records
 
   // ---- command types and set-points
-  uint32_t active_command_type;
-  uint32_t command_type_set;
+  // Written by kaloSetCommandType after it released the lock, read by every
+  // set-point call on any thread: atomics, so that the hand-over is defined.
+  std::atomic<uint32_t> active_command_type;
+  std::atomic<uint32_t> command_type_set;
   uint32_t stream_started;
   uint32_t active_indexing_mode;
   uint32_t attach_pending;

@@ -87,7 +87,10 @@ void release_context(KaloContext *ctx) {
     std::fputs("Error in close_protocol()\n", ctx->output_stream);
   if (ctx->output_stream != nullptr && ctx->output_stream != stdout)
     std::fclose(ctx->output_stream);
+  if (ctx->opened_output != nullptr && ctx->opened_output != ctx->output_stream)
+    std::fclose(ctx->opened_output);
   ctx->output_stream = nullptr;
+  ctx->opened_output = nullptr;
 
   ctx->magic = 0;
   close_asserv(ctx);

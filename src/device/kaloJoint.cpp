@@ -185,7 +185,7 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
       context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
       return -1;
     }
-    points = context->control_point_count;
+    points = kalo::points_in_use(*context);
   }
   if (wrench == nullptr && points > 0) {
     context->error_code = KALO_ERROR_INCORRECT_VALUE;
@@ -193,19 +193,12 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
   }
   for (int32_t i = 0; i < points; ++i) {
     const float *entry = wrench + 6 * i;
-    for (int k = 0; k < 6; ++k) {
-      if (!std::isfinite(entry[k])) {
-        kaloClose(context);
-        kaloGlobalError = KALO_ERROR_INCORRECT_VALUE;
-        return -1;
-      }
-    }
+    if (!kalo::all_finite(entry, 6))
+      return kalo::reject_non_finite(context);
+    kalo::ContextLock hold(context);
     float converted[6];
     ecriture_texture_force(context, entry, converted, i);
-    if (i < kalo::kControlPointRoom) {
-      kalo::ContextLock hold(context);
-      std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
-    }
+    std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
   }
   kalo::ContextLock hold(context);
   kalo::post_field(context->command_record, 18);

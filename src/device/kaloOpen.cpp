@@ -122,6 +122,7 @@ bool allocate_point_arrays(KaloContext *ctx) {
   if (points > kPerPointArrayLimit)
     points = kPerPointArrayLimit;
   const auto n = static_cast<std::size_t>(points);
+  ctx->point_array_count = points;
   ctx->gain_stiffness_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
   ctx->gain_damping_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
   ctx->scratch_speed = static_cast<float *>(std::calloc(n * 6, sizeof(float)));

@@ -66,6 +66,14 @@ struct ServoPoint {
   DEPL *X_obj_catch; // X_obj composed with X_catch
   EnergyTrack vit_trans, vit_rot;
 
+  // ---- automatic power handling and object hand-shakes of the coupling types
+  int32_t position_power_wait;      // position set-points still to come before power may return
+  int32_t position_power_requested; // power was switched on by a position set-point
+  int32_t speed_power_wait;         // speed set-points to wait, quiet, before power may return
+  int32_t speed_power_requested;    // power was switched on by a speed set-point
+  int32_t object_attached;          // an object is attached to this point; gains not yet acknowledged
+  int32_t object_reset;             // the object displacements were reset by an attach or detach
+
   // Microsecond clock of the energy guards (monotonic; replaceable by tests).
   uint64_t (*clock_us)(void);
 };

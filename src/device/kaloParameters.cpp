@@ -1,0 +1,283 @@
+// Parameters of a connection: time step, speed and force factors, the
+// simulation stiffness and damping the controller applies, the observation,
+// base and catch frames, the watchdog time-out, debug flags and the output
+// stream. The context keeps its own memory of what the application set; the
+// stiffness, damping and maximum speeds are asked of the controller.
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "device/servo_point.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+#include "kalo/kalo_math.h"
+
+namespace {
+
+// A value the context keeps and a getter returns.
+template <class T> int read_value(KaloContext *ctx, T *out, T KaloContext::*member) {
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (out == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    *out = c.*member;
+    return KALO_NO_ERROR;
+  });
+}
+
+// A strictly positive float the context keeps (a NaN is refused too).
+int set_positive(KaloContext *ctx, float value, float KaloContext::*member) {
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (!(value > 0.0f))
+      return KALO_ERROR_INCORRECT_VALUE;
+    c.*member = value;
+    return KALO_NO_ERROR;
+  });
+}
+
+// Copies N floats into a command field and marks it.
+template <size_t N>
+int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*member)[N], int field) {
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (values == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.*member, values, sizeof(float) * N);
+    kalo::post_field(c.command_record, field);
+    return KALO_NO_ERROR;
+  });
+}
+
+// A frame the context remembers and sends; refused (9) unless its quaternion is a unit one.
+int send_frame(KaloContext *ctx, const float *frame, float (ExchangeRecord::*member)[7], int field,
+               float (KaloContext::*copy)[7]) {
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (frame == nullptr || test_deplacement_valide(frame) == 0)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(c.command_record.*member, frame, sizeof(float) * 7);
+    std::memcpy(c.*copy, frame, sizeof(float) * 7);
+    kalo::post_field(c.command_record, field);
+    return KALO_NO_ERROR;
+  });
+}
+
+int read_frame(KaloContext *ctx, float *frame, float (KaloContext::*copy)[7]) {
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (frame == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(frame, c.*copy, sizeof(float) * 7);
+    return KALO_NO_ERROR;
+  });
+}
+
+// The first control point's six gains, asked of the controller.
+int query_gains(KaloContext *ctx, float *out, int field) {
+  if (kalo::is_live(ctx) && out == nullptr) {
+    ctx->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  return kalo::query_call(ctx, field, [&](KaloContext &c) {
+    std::memcpy(out, field == 2 ? c.state_record.simulation_stiffness : c.state_record.simulation_damping,
+                sizeof(float) * 6);
+  });
+}
+
+// The controller stamps its frames with the low 32 bits of its monotonic
+// microsecond clock; the age of the last frame is measured on the same clock.
+uint32_t clock_us_low32() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  const uint64_t us =
+      static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+  return static_cast<uint32_t>(us);
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t kaloSetTimeStep(KaloContext *context, float step) {
+  return set_positive(context, step, &KaloContext::time_step);
+}
+
+int32_t kaloGetTimeStep(KaloContext *context, float *step) {
+  return read_value(context, step, &KaloContext::time_step);
+}
+
+int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age) {
+  const uint32_t now = clock_us_low32(); // read first: the age includes the call's own wait
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    if (age == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    *age = now - static_cast<uint32_t>(c.state_record.time_stamp); // wraps with the clock
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t getMaxSpeed(KaloContext *context) {
+  return kalo::query_call(context, 56, [](KaloContext &c) {
+    c.max_linear_speed = c.state_record.max_speed[0];
+    c.max_angular_speed = c.state_record.max_speed[1];
+  });
+}
+
+int32_t kaloSetSpeedFactor(KaloContext *context, float factor) {
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    if (!(factor > 0.0f))
+      return KALO_ERROR_INCORRECT_VALUE;
+    // In command type 3 the controller takes the factor at once; elsewhere the
+    // smoothing filter walks towards it and kaloSetPosition sends the steps.
+    if (c.active_command_type.load() == 3) {
+      c.command_record.speed_factor = factor;
+      kalo::post_field(c.command_record, 4);
+    } else {
+      c.speed_factor_target->donnees[0] = static_cast<double>(factor);
+    }
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t kaloGetSpeedFactor(KaloContext *context, float *factor) {
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    if (factor == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    *factor = static_cast<float>(c.speed_factor_target->donnees[0]);
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t SendSpeedFactor(KaloContext *context) {
+  return kalo::locked_call(context, [](KaloContext &c) {
+    c.command_record.speed_factor = static_cast<float>(c.speed_factor_filtered->donnees[0]);
+    kalo::post_field(c.command_record, 4);
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t kaloSetForceFactor(KaloContext *context, float factor) {
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    if (!(factor > 0.0f))
+      return KALO_ERROR_INCORRECT_VALUE;
+    c.command_record.force_factor = factor;
+    kalo::post_field(c.command_record, 5);
+    c.current_force_factor = factor;
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t kaloGetForceFactor(KaloContext *context, float *factor) {
+  return read_value(context, factor, &KaloContext::current_force_factor);
+}
+
+int32_t kaloSetSimulationStiffness(KaloContext *context, const float *stiffness) {
+  return send_floats(context, stiffness, &ExchangeRecord::simulation_stiffness, 2);
+}
+
+int32_t kaloGetSimulationStiffness(KaloContext *context, float *stiffness) {
+  return query_gains(context, stiffness, 2);
+}
+
+int32_t kaloSetSimulationDamping(KaloContext *context, const float *damping) {
+  return send_floats(context, damping, &ExchangeRecord::simulation_damping, 3);
+}
+
+int32_t kaloGetSimulationDamping(KaloContext *context, float *damping) {
+  return query_gains(context, damping, 3);
+}
+
+int32_t kaloSetObservationFrame(KaloContext *context, const float *frame) {
+  return send_frame(context, frame, &ExchangeRecord::observation_frame, 7,
+                    &KaloContext::observation_frame_copy);
+}
+
+int32_t kaloGetObservationFrame(KaloContext *context, float *frame) {
+  return read_frame(context, frame, &KaloContext::observation_frame_copy);
+}
+
+int32_t kaloSetObservationFrameSpeed(KaloContext *context, const float *twist) {
+  return send_floats(context, twist, &ExchangeRecord::observation_frame_speed, 8);
+}
+
+int32_t kaloSetBaseFrame(KaloContext *context, const float *frame) {
+  return send_frame(context, frame, &ExchangeRecord::base_frame, 9, &KaloContext::base_frame_copy);
+}
+
+int32_t kaloGetBaseFrame(KaloContext *context, float *frame) {
+  return read_frame(context, frame, &KaloContext::base_frame_copy);
+}
+
+int32_t kaloSetCatchFrame(KaloContext *context, const float *frame) {
+  // The frame is checked before the handle, as it always has been.
+  if (frame == nullptr || test_deplacement_valide(frame) == 0) {
+    if (kalo::is_live(context))
+      context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    else
+      kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return -1;
+  }
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    // Only point 0's object displacement is kept here; the others are only sent.
+    if (c.control_point_count >= 1 && c.servo != nullptr) {
+      DEPL *h = c.servo[0].H_rel;
+      DEPL_remplir_7_float(h, frame);
+      QUAT_normaliser(h->rot, c.work_quat);
+      for (int k = 0; k < 3; ++k)
+        h->rot->partie_vect[k] = c.work_quat->partie_vect[k];
+      h->rot->partie_scal = c.work_quat->partie_scal;
+    }
+    const int32_t points = c.control_point_count < kalo::kControlPointRoom
+                               ? c.control_point_count
+                               : kalo::kControlPointRoom;
+    if (points > 0)
+      std::memcpy(c.command_record.catch_frame, frame, sizeof(float) * 7 * static_cast<size_t>(points));
+    kalo::post_field(c.command_record, 10);
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t kaloGetCatchFrame(KaloContext *context, float *frame) {
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    if (c.control_point_count < 1 || c.servo == nullptr)
+      return KALO_NO_ERROR;
+    if (frame == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    DEPL_vider_7_float(c.servo[0].H_rel, frame);
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t kaloSetTimeoutValue(KaloContext *context, float seconds) {
+  return set_positive(context, seconds, &KaloContext::watchdog_period);
+}
+
+int32_t kaloGetTimeoutValue(KaloContext *context, float *seconds) {
+  return read_value(context, seconds, &KaloContext::watchdog_period);
+}
+
+int32_t kaloSetDebugFlags(KaloContext *context, uint32_t flags) {
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    c.debug_flags = flags;
+    return KALO_NO_ERROR;
+  });
+}
+
+int32_t kaloSetOutputFile(KaloContext *context, const char *path) {
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    FILE *opened = path != nullptr ? std::fopen(path, "w") : nullptr;
+    // A stream this call opened earlier is closed when it is replaced, so that
+    // switching files repeatedly leaks nothing.
+    if (c.opened_output != nullptr && c.output_stream == c.opened_output) {
+      std::fclose(c.opened_output);
+      c.output_stream = stdout;
+    }
+    c.opened_output = opened;
+    if (opened == nullptr) {
+      c.output_stream = stdout;
+      return KALO_ERROR_CONFIG_FILE_NOT_FOUND;
+    }
+    c.output_stream = opened;
+    return KALO_NO_ERROR;
+  });
+}
+
+} // extern "C"

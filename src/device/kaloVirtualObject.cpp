@@ -1,0 +1,231 @@
+// Virtual objects: in the coupling command types the application simulates an
+// object and the library couples it to the arm through the local servo's 6D
+// spring and damper. Attaching takes the next free control point and sets the
+// coupling gains (from a mass model or given directly); detaching releases
+// every point at once and zeroes the gains on both sides; kaloGetForce runs
+// one servo cycle per point and hands the coupling wrenches to the application.
+#include <cstring>
+
+#include "device/call_frame.h"
+#include "device/context.h"
+#include "device/servo_point.h"
+#include "kalo/kalo.h"
+#include "kalo/kalo_internal.h"
+
+namespace {
+
+// In command type 5 the gains of the newly attached point go to the
+// controller with the attach (fields 2 and 3).
+void send_point_gains(KaloContext &c, int32_t point) {
+  if (c.active_command_type.load() != 5 || point >= kalo::kControlPointRoom)
+    return;
+  float k[6];
+  float b[6];
+  lecture_gains(&c, k, b, point);
+  std::memcpy(c.command_record.simulation_stiffness + 6 * point, k, sizeof k);
+  std::memcpy(c.command_record.simulation_damping + 6 * point, b, sizeof b);
+  c.command_record.field_changed[2] = 1;
+  c.command_record.field_changed[3] = 1;
+  c.command_record.send_request = 3;
+}
+
+// Marks the attach; the next kaloSetPosition completes the hand-shake.
+void record_attach(KaloContext &c, int32_t point, bool avatar) {
+  if (avatar)
+    c.command_record.avatar_attached = 1;
+  else
+    c.command_record.vo_attached = 1;
+  c.attach_pending = 1;
+  c.attached_object_count = point + 1;
+}
+
+// The point the next attach uses, or -1 (no error recorded) when every point
+// has an object. Code 17 below command type 2.
+int attach_point(KaloContext &c, int32_t *point) {
+  if (c.active_command_type.load() < 2)
+    return KALO_ERROR_WRONG_COMMAND_MODE;
+  const int32_t i = c.attached_object_count;
+  *point = i >= 0 && i < c.control_point_count && i < kalo::points_in_use(c) ? i : -1;
+  return KALO_NO_ERROR;
+}
+
+int attach_with_mass(KaloContext *ctx, const float *inertia, float mass, bool avatar) {
+  if (!kalo::enter(ctx))
+    return -1;
+  kalo::ContextLock hold(ctx);
+  int32_t i = -1;
+  int code = attach_point(*ctx, &i);
+  if (code == KALO_NO_ERROR && !(mass > 0.0f))
+    code = KALO_ERROR_INCORRECT_VALUE;
+  if (code == KALO_NO_ERROR && inertia == nullptr)
+    code = KALO_ERROR_INCORRECT_VALUE;
+  if (code != KALO_NO_ERROR) {
+    ctx->error_code = static_cast<uint32_t>(code);
+    return -1;
+  }
+  if (i < 0)
+    return -1;
+  calcul_gains(ctx, inertia, i, mass);
+  ctx->servo[i].object_attached = 1;
+  send_point_gains(*ctx, i);
+  record_attach(*ctx, i, avatar);
+  return 0;
+}
+
+// Detaching: the attach flag goes out on field 11 or (avatar) 23, the gains
+// are zeroed in the servo and on the controller, and the next coupling
+// set-point resets the object displacements.
+int detach(KaloContext *ctx, int field) {
+  const int result = kalo::locked_call(ctx, [&](KaloContext &c) {
+    c.command_record.vo_attached = 0;
+    kalo::post_field(c.command_record, field);
+    return KALO_NO_ERROR;
+  });
+  if (result != 0)
+    return result;
+  int32_t points;
+  {
+    kalo::ContextLock hold(ctx);
+    if (ctx->gain_stiffness_buffer == nullptr || ctx->gain_damping_buffer == nullptr)
+      return 0;
+    points = kalo::points_in_use(*ctx);
+    const auto floats = static_cast<size_t>(6 * ctx->point_array_count);
+    std::memset(ctx->gain_stiffness_buffer, 0, sizeof(float) * floats);
+    std::memset(ctx->gain_damping_buffer, 0, sizeof(float) * floats);
+    for (int32_t i = 0; i < points; ++i)
+      ecriture_gains(ctx, ctx->gain_stiffness_buffer + 6 * i, ctx->gain_damping_buffer + 6 * i, i);
+  }
+  kaloSetSimulationStiffness(ctx, ctx->gain_stiffness_buffer);
+  kaloSetSimulationDamping(ctx, ctx->gain_damping_buffer);
+  float ignored[6];
+  kaloGetSimulationStiffness(ctx, ignored);
+  kalo::ContextLock hold(ctx);
+  ctx->detach_pending = 1;
+  ctx->attached_object_count = 0;
+  return 0;
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t kaloAttachVO(KaloContext *context, const float *inertia, float mass) {
+  return attach_with_mass(context, inertia, mass, false);
+}
+
+int32_t kaloAttachVOAvatar(KaloContext *context, const float *inertia, float mass) {
+  return attach_with_mass(context, inertia, mass, true);
+}
+
+int32_t kaloAttachQSVO(KaloContext *context, const float *stiffness, const float *damping) {
+  if (!kalo::enter(context))
+    return -1;
+  kalo::ContextLock hold(context);
+  int32_t i = -1;
+  int code = attach_point(*context, &i);
+  if (code == KALO_NO_ERROR && (stiffness == nullptr || damping == nullptr))
+    code = KALO_ERROR_INCORRECT_VALUE;
+  if (code != KALO_NO_ERROR) {
+    context->error_code = static_cast<uint32_t>(code);
+    return -1;
+  }
+  if (i < 0)
+    return -1;
+  ServoPoint &p = context->servo[i];
+  for (int j = 0; j < 6; ++j) {
+    p.K->donnees[j * 7] = static_cast<double>(stiffness[j]);
+    p.B->donnees[j * 7] = static_cast<double>(damping[j]);
+  }
+  p.object_attached = 1;
+  send_point_gains(*context, i);
+  record_attach(*context, i, false);
+  return 0;
+}
+
+int32_t kaloDetachVO(KaloContext *context) { return detach(context, 11); }
+
+int32_t kaloDetachVOAvatar(KaloContext *context) { return detach(context, 23); }
+
+int32_t kaloModifGains(KaloContext *context) {
+  if (!kalo::is_live(context)) {
+    kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return -1;
+  }
+  float *k = context->gain_stiffness_buffer;
+  float *b = context->gain_damping_buffer;
+  if (k == nullptr || b == nullptr)
+    return -1;
+  int32_t points;
+  {
+    kalo::ContextLock hold(context);
+    points = kalo::points_in_use(*context);
+    for (int32_t i = 0; i < points; ++i)
+      lecture_gains(context, k + 6 * i, b + 6 * i, i);
+  }
+  // The controller's answers are what it actually applies; the servo takes those.
+  if (kaloSetSimulationStiffness(context, k) == -1 || kaloSetSimulationDamping(context, b) == -1 ||
+      kaloGetSimulationStiffness(context, k) == -1 || kaloGetSimulationDamping(context, b) == -1 ||
+      kaloGetSimulationStiffness(context, k) == -1 || kaloGetSimulationDamping(context, b) == -1)
+    return -1;
+  kalo::ContextLock hold(context);
+  for (int32_t i = 0; i < points; ++i)
+    ecriture_gains(context, k + 6 * i, b + 6 * i, i);
+  return 0;
+}
+
+int32_t kaloGetForce(KaloContext *context, float *force) {
+  if (!kalo::enter(context))
+    return -1;
+  const uint32_t type = context->active_command_type.load();
+  if (type <= 1 || type == 3) {
+    context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
+    return -1;
+  }
+  kaloGetPosition(context, context->scratch_position);
+  kaloGetSpeed(context, context->scratch_speed);
+  int32_t count;
+  int32_t points;
+  bool gains_to_send = false;
+  {
+    kalo::ContextLock hold(context);
+    count = context->control_point_count;
+    points = kalo::points_in_use(*context);
+    // With one control point, point 0's gains go to the controller once the
+    // arm has reached the object (poses agree within the servo's tolerances).
+    if (points > 0 && context->servo[0].object_attached != 0)
+      gains_to_send = count == (erreur_position(context, 0) == 0 ? 1 : 0);
+  }
+  if (count == 0) {
+    kaloModifGains(context);
+    return 0;
+  }
+  if (count < 0)
+    return 0;
+  if (gains_to_send && kaloModifGains(context) == 0) {
+    kalo::ContextLock hold(context);
+    context->servo[0].object_attached = 0;
+  }
+  if (force == nullptr && points > 0) {
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  kalo::ContextLock hold(context);
+  for (int32_t i = 0; i < points; ++i) {
+    calcul_asserv(context, i);
+    copie_force(context, force + 6 * i, i);
+  }
+  return 0;
+}
+
+int32_t kaloSaturateTorque(KaloContext *context, float a, float b) {
+  return kalo::locked_call(context, [&](KaloContext &c) {
+    if (!(a > 0.0f) || !(b > 0.0f))
+      return KALO_ERROR_INCORRECT_VALUE;
+    c.command_record.torque_saturation[0] = a;
+    c.command_record.torque_saturation[1] = b;
+    kalo::post_field(c.command_record, 53);
+    return KALO_NO_ERROR;
+  });
+}
+
+} // extern "C"
