@@ -1,0 +1,457 @@
+// Set-point, parameter and virtual-object calls on a hand-built context:
+// which command types allow which call, which field each call marks with
+// which value, the automatic power handling of the coupling types, and the
+// refusals. What needs the controller's answers is tested against the
+// simulator.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include "command_fixture.h"
+
+using command_test::CommandContext;
+
+namespace {
+
+const float kIdentity[7] = {0, 0, 0, 0, 0, 0, 1};
+const float kZero6[6] = {0, 0, 0, 0, 0, 0};
+const float kInertia[9] = {0.01f, 0, 0, 0, 0.01f, 0, 0, 0, 0.01f};
+
+// Whether the call returned -1 with code 17.
+bool refused17(KaloContext *ctx, int result) {
+  return result == -1 && kaloGetErrorCode(ctx) == KALO_ERROR_WRONG_COMMAND_MODE;
+}
+
+} // namespace
+
+TEST(CommandType, EachCallRunsOnlyInItsCommandTypes) {
+  // Rows: command type 0..7; columns: set position, set speed, set force,
+  // attach, get force; true where the call is refused with 17.
+  const bool refused[8][5] = {
+      {true, true, true, true, true},     {true, false, true, true, true},
+      {false, false, true, false, false}, {false, true, false, false, true},
+      {false, false, true, false, false}, {false, false, true, false, false},
+      {false, false, false, false, false}, {false, false, false, false, false},
+  };
+  for (uint32_t type = 0; type < 8; ++type) {
+    CommandContext f(type);
+    KaloContext *c = f.get();
+    float force[6];
+    EXPECT_EQ(refused17(c, kaloSetPosition(c, kIdentity)), refused[type][0]) << "position " << type;
+    EXPECT_EQ(refused17(c, kaloSetSpeed(c, kZero6)), refused[type][1]) << "speed " << type;
+    EXPECT_EQ(refused17(c, kaloSetForce(c, kZero6)), refused[type][2]) << "force " << type;
+    EXPECT_EQ(refused17(c, kaloGetForce(c, force)), refused[type][4]) << "get force " << type;
+    EXPECT_EQ(refused17(c, kaloAttachVO(c, kInertia, 1.0f)), refused[type][3]) << "attach " << type;
+    EXPECT_EQ(refused17(c, kaloAttachQSVO(c, kZero6, kZero6)), refused[type][3]) << "qs " << type;
+  }
+}
+
+TEST(CommandType, SettingWritesTheModeByteAndRefusesOneTwoAndAboveSeven) {
+  CommandContext f;
+  KaloContext *c = f.get();
+  const int mode_byte[8] = {0, -1, -1, 4, 9, 10, 1, 3};
+  for (uint32_t type : {0u, 3u, 4u, 5u, 6u, 7u}) {
+    f.clear_posted();
+    ASSERT_EQ(kaloSetCommandType(c, type), 0);
+    EXPECT_EQ(f.posted(), "24");
+    EXPECT_EQ(c->command_record.command_type, mode_byte[type]);
+    EXPECT_EQ(c->active_command_type.load(), type);
+    EXPECT_EQ(c->command_type_set.load(), 1u);
+  }
+  f.clear_posted();
+  EXPECT_EQ(kaloSetCommandType(c, 1), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 18);
+  for (uint32_t bad : {2u, 8u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(kaloSetCommandType(c, bad), -1);
+    EXPECT_EQ(kaloGetErrorCode(c), 9);
+  }
+  EXPECT_EQ(c->active_command_type.load(), 7u);
+  EXPECT_EQ(f.posted(), "");
+}
+
+TEST(SetPoints, StreamOpensOnceAndForcesGoThroughTheServoConversion) {
+  CommandContext f(3);
+  KaloContext *c = f.get();
+  // The device's point 10 cm above the origin: the set-point keeps its
+  // force and gains the moment of carrying it to that point.
+  const float raised[7] = {0, 0, 0.1f, 0, 0, 0, 1};
+  f.device_at(raised);
+  const float fx[6] = {2, 0, 0, 0, 0, 0};
+  ASSERT_EQ(kaloSetForce(c, fx), 0);
+  EXPECT_EQ(f.posted(), "16,61");
+  EXPECT_FLOAT_EQ(c->command_record.force[0], 2.0f);
+  EXPECT_NEAR(std::fabs(c->command_record.force[4]), 0.2f, 1e-6f);
+  EXPECT_NEAR(c->command_record.force[3] + c->command_record.force[5], 0.0f, 1e-6f);
+  f.clear_posted();
+  ASSERT_EQ(kaloSetForce(c, fx), 0);
+  EXPECT_EQ(f.posted(), "16");
+  c->active_command_type = 6;
+  f.clear_posted();
+  ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
+  EXPECT_EQ(f.posted(), "14");
+}
+
+TEST(SetPoints, PositionOutsideTheCouplingTypesIsSentAsGiven) {
+  CommandContext f(2);
+  KaloContext *c = f.get();
+  f.point().object_attached = 1;
+  const float pose[7] = {0.1f, -0.2f, 0.3f, 0, 0, 0, 1};
+  ASSERT_EQ(kaloSetPosition(c, pose), 0);
+  EXPECT_EQ(std::memcmp(c->command_record.position, pose, sizeof pose), 0);
+  EXPECT_EQ(f.point().object_attached, 0) << "command type 2 releases the object";
+  EXPECT_EQ(f.posted(), "14,61") << "no power handling outside the coupling types";
+}
+
+TEST(SetPoints, InvalidQuaternionGives9AndKeepsTheConnection) {
+  CommandContext f(6);
+  KaloContext *c = f.get();
+  const float bad[7] = {0, 0, 0, 0, 0, 0, 1.001f};
+  EXPECT_EQ(kaloSetPosition(c, bad), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  EXPECT_EQ(c->connected.load(), 1u);
+  EXPECT_EQ(c->command_record.field_changed[14], 0);
+}
+
+TEST(SetPoints, SpeedOutsideTheCouplingTypesMarksTheFieldButStoresNothing) {
+  for (uint32_t type : {2u, 6u, 7u}) {
+    CommandContext f(type);
+    KaloContext *c = f.get();
+    const float v[6] = {0.1f, 0.2f, 0.3f, 0, 0, 0};
+    ASSERT_EQ(kaloSetSpeed(c, v), 0);
+    EXPECT_EQ(f.posted(), "15");
+    for (float x : c->command_record.speed)
+      EXPECT_EQ(x, 0.0f) << "type " << type;
+  }
+  CommandContext f(4);
+  const float v[6] = {0.1f, 0.2f, 0.3f, 0, 0, 0};
+  ASSERT_EQ(kaloSetSpeed(f.get(), v), 0);
+  EXPECT_NEAR(f->command_record.speed[0], 0.1f, 1e-6f) << "stored in the coupling types";
+}
+
+TEST(PowerHandling, FirstCouplingPositionSwitchesThePowerOnOnce) {
+  CommandContext f(4);
+  KaloContext *c = f.get();
+  ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
+  EXPECT_EQ(f.posted(), "14,25,61");
+  EXPECT_EQ(c->command_record.power_on, 1);
+  f.clear_posted();
+  ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
+  EXPECT_EQ(f.posted(), "14");
+}
+
+TEST(PowerHandling, GuardTripCutsThePowerAndItReturnsAfterTenSecondsOfQuietCalls) {
+  CommandContext f(4);
+  KaloContext *c = f.get();
+  c->time_step = 0.01f;
+  ASSERT_EQ(kaloSetSpeed(c, kZero6), 0);
+  EXPECT_EQ(c->command_record.power_on, 1) << "power on with the first accepted set-point";
+  EXPECT_EQ(f.point().speed_power_requested, 1);
+
+  const float runaway[6] = {5, 0, 0, 0, 0, 0}; // far above the 1 m/s the device allows
+  f.clear_posted();
+  EXPECT_EQ(kaloSetSpeed(c, runaway), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 12);
+  EXPECT_EQ(c->command_record.power_on, 0);
+  EXPECT_EQ(f.posted(), "25") << "the refused speed itself is not sent";
+
+  // Power not requested now: refusals only restart the 10 s count (1000 calls
+  // at 0.01 s), and the power comes back with the first quiet call after it.
+  EXPECT_EQ(kaloSetSpeed(c, runaway), 0);
+  int last_refusal = 0;
+  int power_back = -1;
+  for (int n = 1; n <= 3000 && power_back < 0; ++n) {
+    ASSERT_EQ(kaloSetSpeed(c, kZero6), 0);
+    if (f.point().speed_power_wait == 1000)
+      last_refusal = n;
+    if (c->command_record.power_on == 1)
+      power_back = n;
+  }
+  ASSERT_GT(power_back, 0);
+  EXPECT_EQ(power_back - last_refusal, 1000);
+  EXPECT_EQ(f.point().speed_power_requested, 1);
+  EXPECT_EQ(f.output(), "---- depassement Ec (vitesse de translation) ----\n"
+                        "=> 5.000, 0.000 0.000 | 10.175/0.407\n"
+                        "---- fin de depassement Ec (vitesse de translation) ----\n");
+}
+
+TEST(ObjectHandShakes, DetachRequestResetsTheObjectDisplacementsOnTheNextCouplingSetPoint) {
+  CommandContext f(4);
+  KaloContext *c = f.get();
+  ServoPoint &p = f.point();
+  const float offset[7] = {0.1f, 0.2f, 0.3f, 0, 0, std::sqrt(0.5f), std::sqrt(0.5f)};
+  DEPL_remplir_7_float(p.H_rel, offset);
+  DEPL_remplir_7_float(p.X_offset, offset);
+  c->detach_pending = 1;
+  ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
+  float h[7], x[7];
+  DEPL_vider_7_float(p.H_rel, h);
+  DEPL_vider_7_float(p.X_offset, x);
+  for (int k = 0; k < 7; ++k) {
+    EXPECT_EQ(h[k], kIdentity[k]);
+    EXPECT_EQ(x[k], kIdentity[k]);
+  }
+  EXPECT_EQ(c->detach_pending, 0u);
+  EXPECT_EQ(p.object_reset, 1);
+  EXPECT_EQ(c->command_record.field_changed[25], 0) << "no power request while detaching";
+}
+
+TEST(Switches, RangesAndVersionGates) {
+  CommandContext f;
+  KaloContext *c = f.get();
+  EXPECT_EQ(kaloSetPowerOn(c, 2), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  EXPECT_EQ(kaloSetIndexingMode(c, 8), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  ASSERT_EQ(kaloSetIndexingMode(c, 7), 0);
+  uint32_t mode = 0;
+  ASSERT_EQ(kaloGetIndexingMode(c, &mode), 0);
+  EXPECT_EQ(mode, 7u);
+  EXPECT_EQ(c->command_record.indexing_mode, 7);
+
+  // Two values stored in reverse order.
+  f.clear_posted();
+  ASSERT_EQ(kaloActiveSpeedControl(c, 1.5f, 2.5f), 0);
+  EXPECT_EQ(c->command_record.speed_control.first, 2.5f);
+  EXPECT_EQ(c->command_record.speed_control.second, 1.5f);
+  EXPECT_EQ(c->command_record.speed_control.mode, 1);
+  EXPECT_EQ(kaloActiveSpeedControl(c, -0.1f, 1), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  ASSERT_EQ(kaloDeactiveSpeedControl(c), 0);
+  EXPECT_EQ(c->command_record.speed_control.mode, 0);
+  EXPECT_EQ(f.posted(), "58,59");
+
+  c->controller_version = 3.0f;
+  f.clear_posted();
+  EXPECT_EQ(kaloForceShiftButton(c, 1), 0) << "3.0 itself passes";
+  const float push[6] = {1, 0, 0, 0, 0, 0};
+  EXPECT_EQ(kaloAddForce(c, push), 7) << "3.0 or less: bare 7";
+  EXPECT_EQ(kaloActiveRotationSpeedControl(c, 1, 1), 20);
+  EXPECT_EQ(kaloSetForceInSpeedControl(c, 1), 20);
+  EXPECT_EQ(f.posted(), "79");
+  c->controller_version = 2.99f;
+  EXPECT_EQ(kaloForceShiftButton(c, 1), 20);
+  c->controller_version = 3.56f;
+  f.clear_posted();
+  EXPECT_EQ(kaloAddForce(c, push), 0);
+  EXPECT_EQ(kaloActiveRotationSpeedControl(c, 1, 2), 0);
+  EXPECT_EQ(kaloSetTorqueInSpeedControl(c, 4), 0);
+  c->state_record.speed_control_state[0] = 1;
+  c->state_record.speed_control_state[1] = 0;
+  int32_t first = -1, second = -1;
+  EXPECT_EQ(kaloIsInSpeedControl(c, &first, &second), 0);
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 0);
+  EXPECT_EQ(f.posted(), "80,82,85");
+  EXPECT_EQ(c->command_record.added_force[0], 1.0f);
+}
+
+TEST(Parameters, NonPositiveValuesAreRefusedAndLeaveTheOldOnes) {
+  CommandContext f;
+  KaloContext *c = f.get();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (float bad : {0.0f, -1.0f, nan}) {
+    EXPECT_EQ(kaloSetTimeStep(c, bad), -1);
+    EXPECT_EQ(kaloSetSpeedFactor(c, bad), -1);
+    EXPECT_EQ(kaloSetForceFactor(c, bad), -1);
+    EXPECT_EQ(kaloSetTimeoutValue(c, bad), -1);
+    EXPECT_EQ(kaloGetErrorCode(c), 9);
+  }
+  float v = 0;
+  ASSERT_EQ(kaloGetTimeStep(c, &v), 0);
+  EXPECT_EQ(v, 0.001f);
+  ASSERT_EQ(kaloGetSpeedFactor(c, &v), 0);
+  EXPECT_EQ(v, 1.0f);
+  ASSERT_EQ(kaloGetForceFactor(c, &v), 0);
+  EXPECT_EQ(v, 1.0f);
+  EXPECT_EQ(f.posted(), "");
+  ASSERT_EQ(kaloSetForceFactor(c, 0.5f), 0);
+  ASSERT_EQ(kaloGetForceFactor(c, &v), 0);
+  EXPECT_EQ(v, 0.5f);
+  EXPECT_EQ(c->command_record.force_factor, 0.5f);
+  EXPECT_EQ(kaloSaturateTorque(c, 0, 1), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  ASSERT_EQ(kaloSaturateTorque(c, 2, 3), 0);
+  EXPECT_EQ(c->command_record.torque_saturation[0], 2.0f);
+  EXPECT_EQ(c->command_record.torque_saturation[1], 3.0f);
+  EXPECT_EQ(f.posted(), "5,53");
+}
+
+TEST(Parameters, SpeedFactorIsImmediateInCommandTypeThreeAndSmoothedElsewhere) {
+  CommandContext f(3);
+  KaloContext *c = f.get();
+  ASSERT_EQ(kaloSetSpeedFactor(c, 0.5f), 0);
+  EXPECT_EQ(f.posted(), "4");
+  EXPECT_EQ(c->command_record.speed_factor, 0.5f);
+  float v = 0;
+  ASSERT_EQ(kaloGetSpeedFactor(c, &v), 0);
+  EXPECT_EQ(v, 1.0f) << "the target is untouched in command type 3";
+
+  c->active_command_type = 6;
+  f.clear_posted();
+  ASSERT_EQ(kaloSetSpeedFactor(c, 0.25f), 0);
+  EXPECT_EQ(f.posted(), "");
+  ASSERT_EQ(kaloGetSpeedFactor(c, &v), 0);
+  EXPECT_EQ(v, 0.25f);
+  // One filter step, as the exchange thread takes on each frame, then the
+  // next position set-point sends the smoothed value.
+  TSIG_filtre_calculer(c->speed_factor_filter, c->speed_factor_target, c->speed_factor_filtered);
+  const double smoothed = c->speed_factor_filtered->donnees[0];
+  ASSERT_LT(smoothed, 1.0);
+  ASSERT_GT(smoothed, 0.25 + 0.0001);
+  ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
+  EXPECT_EQ(f.posted(), "4,14,61");
+  EXPECT_EQ(c->command_record.speed_factor, static_cast<float>(smoothed));
+}
+
+TEST(Parameters, FramesAreCheckedRememberedAndSent) {
+  CommandContext f;
+  KaloContext *c = f.get();
+  const float bad[7] = {0, 0, 0, 0, 0, 0, 0.5f};
+  const float frame[7] = {0.1f, 0.2f, 0.3f, 0, 0, 0, 1};
+  float out[7];
+  EXPECT_EQ(kaloSetObservationFrame(c, bad), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  EXPECT_EQ(kaloSetBaseFrame(c, bad), -1);
+  EXPECT_EQ(kaloSetCatchFrame(c, bad), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  kaloGlobalError = 0;
+  EXPECT_EQ(kaloSetCatchFrame(nullptr, frame), -1);
+  EXPECT_EQ(kaloGlobalError, 3);
+  EXPECT_EQ(f.posted(), "");
+
+  ASSERT_EQ(kaloSetObservationFrame(c, frame), 0);
+  ASSERT_EQ(kaloGetObservationFrame(c, out), 0);
+  EXPECT_EQ(std::memcmp(out, frame, sizeof out), 0);
+  ASSERT_EQ(kaloSetBaseFrame(c, frame), 0);
+  ASSERT_EQ(kaloGetBaseFrame(c, out), 0);
+  EXPECT_EQ(std::memcmp(out, frame, sizeof out), 0);
+  EXPECT_EQ(std::memcmp(c->command_record.base_frame, frame, sizeof frame), 0);
+  ASSERT_EQ(kaloSetObservationFrameSpeed(c, kZero6), 0);
+  EXPECT_EQ(f.posted(), "7,8,9");
+
+  // The catch frame becomes point 0's object displacement.
+  const float catch_frame[7] = {0.1f, 0, 0, 0, 0, 0.6f, 0.8f};
+  f.clear_posted();
+  ASSERT_EQ(kaloSetCatchFrame(c, catch_frame), 0);
+  EXPECT_EQ(f.posted(), "10");
+  EXPECT_EQ(std::memcmp(c->command_record.catch_frame, catch_frame, sizeof catch_frame), 0);
+  ASSERT_EQ(kaloGetCatchFrame(c, out), 0);
+  for (int k = 0; k < 7; ++k)
+    EXPECT_NEAR(out[k], catch_frame[k], 1e-6f);
+
+  // Without control points nothing is read back.
+  c->control_point_count = 0;
+  float untouched[7] = {9, 9, 9, 9, 9, 9, 9};
+  ASSERT_EQ(kaloGetCatchFrame(c, untouched), 0);
+  for (float x : untouched)
+    EXPECT_EQ(x, 9.0f);
+}
+
+TEST(Parameters, OutputFileFallsBackToStandardOutput) {
+  CommandContext f;
+  KaloContext *c = f.get();
+  FILE *captured = c->output_stream;
+  EXPECT_EQ(kaloSetOutputFile(c, "/nonexistent-dir/kalo.log"), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 4);
+  EXPECT_EQ(c->output_stream, stdout);
+
+  char first[] = "/tmp/kalo-output-XXXXXX";
+  char second[] = "/tmp/kalo-output-XXXXXX";
+  ASSERT_GE(mkstemp(first), 0);
+  ASSERT_GE(mkstemp(second), 0);
+  ASSERT_EQ(kaloSetOutputFile(c, first), 0);
+  c->debug_flags = 1;
+  calcul_gains(c, kInertia, 0, 1.0f);
+  // Switching files closes the one opened before (a leak otherwise).
+  ASSERT_EQ(kaloSetOutputFile(c, second), 0);
+  FILE *in = std::fopen(first, "r");
+  ASSERT_NE(in, nullptr);
+  char line[64] = {};
+  ASSERT_NE(std::fgets(line, sizeof line, in), nullptr);
+  EXPECT_EQ(std::string(line), "--------- object n 0 ---------\n");
+  std::fclose(in);
+  std::fclose(c->output_stream);
+  c->output_stream = captured;
+  std::remove(first);
+  std::remove(second);
+}
+
+TEST(Parameters, AgeOfTheLastUpdateOnTheControllersClock) {
+  CommandContext f;
+  KaloContext *c = f.get();
+  const auto now = static_cast<uint32_t>(getTime(c));
+  c->state_record.time_stamp = static_cast<int32_t>(now - 5000u);
+  uint32_t age = 0;
+  ASSERT_EQ(kaloGetTimeLastUpdate(c, &age), 0);
+  EXPECT_GE(age, 5000u);
+  EXPECT_LT(age, 1005000u);
+}
+
+TEST(VirtualObjects, AttachChecksInOrderAndFillsThePointsInTurn) {
+  CommandContext f(1);
+  KaloContext *c = f.get();
+  EXPECT_EQ(kaloAttachVO(c, kInertia, 0.0f), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 17) << "the command type is checked before the mass";
+  c->active_command_type = 4;
+  EXPECT_EQ(kaloAttachVO(c, kInertia, 0.0f), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 9);
+  ASSERT_EQ(kaloAttachVO(c, kInertia, 2.0f), 0);
+  EXPECT_EQ(c->attach_pending, 1u);
+  EXPECT_EQ(c->attached_object_count, 1);
+  EXPECT_EQ(c->command_record.vo_attached, 1);
+  EXPECT_EQ(f.point().object_attached, 1);
+  EXPECT_EQ(f.posted(), "") << "the next position set-point completes the attach";
+  // Gains from the mass and the time step (the translational half is second).
+  EXPECT_DOUBLE_EQ(f.point().K->donnees[3 * 7], 2.0 * 0.12 / (double)(0.001f * 0.001f));
+  // One control point, already taken: -1 and the error code is left alone.
+  c->error_code = 0;
+  EXPECT_EQ(kaloAttachVO(c, kInertia, 2.0f), -1);
+  EXPECT_EQ(kaloAttachQSVO(c, kZero6, kZero6), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 0);
+}
+
+TEST(VirtualObjects, CommandTypeFiveSendsTheGainsWithTheAttach) {
+  CommandContext f(5);
+  KaloContext *c = f.get();
+  const float k[6] = {1, 2, 3, 400, 500, 600}; // rotation first
+  const float b[6] = {0.1f, 0.2f, 0.3f, 4, 5, 6};
+  ASSERT_EQ(kaloAttachQSVO(c, k, b), 0);
+  EXPECT_EQ(f.posted(), "2,3");
+  EXPECT_EQ(c->command_record.send_request, 3u);
+  // On the wire the translational gains come first.
+  const float wire_k[6] = {400, 500, 600, 1, 2, 3};
+  const float wire_b[6] = {4, 5, 6, 0.1f, 0.2f, 0.3f};
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_EQ(c->command_record.simulation_stiffness[j], wire_k[j]);
+    EXPECT_EQ(c->command_record.simulation_damping[j], wire_b[j]);
+  }
+}
+
+TEST(VirtualObjects, CouplingForcePullsTheObjectBackToTheArm) {
+  CommandContext f(2);
+  KaloContext *c = f.get();
+  const float k[6] = {2, 2, 2, 1000, 1000, 1000};
+  const float b[6] = {0, 0, 0, 0, 0, 0};
+  ASSERT_EQ(kaloAttachQSVO(c, k, b), 0);
+  f.device_at(kIdentity);
+  // Object 1 cm along x, turned 0.02 rad about z.
+  const float half = 0.01f;
+  const float object[7] = {0.01f, 0, 0, 0, 0, std::sin(half), std::cos(half)};
+  c->attach_pending = 0;
+  ASSERT_EQ(kaloSetPosition(c, object), 0);
+  ASSERT_EQ(kaloSetSpeed(c, kZero6), 0);
+  float w[6];
+  ASSERT_EQ(kaloGetForce(c, w), 0);
+  EXPECT_NEAR(w[0], -10.0f, 0.05f);
+  EXPECT_NEAR(w[1], 0.0f, 0.25f);
+  EXPECT_NEAR(w[2], 0.0f, 1e-4f);
+  EXPECT_NEAR(w[5], -0.04f, 0.005f);
+  f.clear_posted();
+  c->active_command_type = 3;
+  EXPECT_EQ(kaloGetForce(c, w), -1);
+  EXPECT_EQ(kaloGetErrorCode(c), 17);
+}
