@@ -6,9 +6,8 @@
  *   kalo-monitor [--once] [--period SECONDS] URL
  *   URL: [udpxdr://]host[:local-port][#controller-port], e.g. 127.0.0.1#5000
  */
-#define _GNU_SOURCE /* RTLD_DEFAULT */
+#define _POSIX_C_SOURCE 200112L /* sigaction, nanosleep */
 
-#include <dlfcn.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,18 +18,6 @@
 #include "kalo/kalo.h"
 
 static volatile sig_atomic_t stop_requested = 0;
-
-/* The pose reader belongs to the Cartesian command set, which a libkalo built
- * without it lacks: it is looked up at run time so that the monitor shows the
- * rest of the state with any build of the library. */
-typedef int32_t (*pose_reader)(KaloContext *, float *);
-
-static pose_reader find_pose_reader(void) {
-  pose_reader reader;
-  void *symbol = dlsym(RTLD_DEFAULT, "kaloGetPosition");
-  memcpy(&reader, &symbol, sizeof reader);
-  return reader;
-}
 
 static void on_signal(int sig) {
   (void)sig;
@@ -59,7 +46,7 @@ static void print_bits(const char *label, uint32_t word, int count) {
 }
 
 /* One screen of state; 0, or -1 when the connection no longer answers. */
-static int print_snapshot(KaloContext *ctx, const char *url, pose_reader read_pose) {
+static int print_snapshot(KaloContext *ctx, const char *url) {
   float pose[7];
   uint32_t buttons = 0, pressed = 0, power = 0, failure = 0, alarm = 0, bounds = 0, shift = 0;
   uint32_t b;
@@ -75,9 +62,7 @@ static int print_snapshot(KaloContext *ctx, const char *url, pose_reader read_po
     return -1;
 
   printf("kalo-monitor  %s\n\n", url);
-  if (read_pose == NULL)
-    printf("%-10s%s\n", "pose", "not available in this library");
-  else if (read_pose(ctx, pose) == 0)
+  if (kaloGetPosition(ctx, pose) == 0)
     printf("%-10sx %+.4f  y %+.4f  z %+.4f   q %+.4f %+.4f %+.4f %+.4f\n", "pose", pose[0], pose[1],
            pose[2], pose[3], pose[4], pose[5], pose[6]);
   else
@@ -105,7 +90,6 @@ int main(int argc, char **argv) {
   int i, status = 0;
   KaloContext *ctx;
   struct sigaction sa;
-  pose_reader read_pose = find_pose_reader();
 
   for (i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--once") == 0) {
@@ -146,13 +130,13 @@ int main(int argc, char **argv) {
   }
 
   if (once) {
-    status = print_snapshot(ctx, url, read_pose) == 0 ? 0 : 1;
+    status = print_snapshot(ctx, url) == 0 ? 0 : 1;
   } else {
     const int tty = isatty(STDOUT_FILENO);
     while (!stop_requested) {
       if (tty)
         fputs("\033[H\033[J", stdout); /* home, clear: one screen redrawn in place */
-      if (print_snapshot(ctx, url, read_pose) != 0) {
+      if (print_snapshot(ctx, url) != 0) {
         status = 1;
         break;
       }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds kalo, starts the controller simulator on loopback and runs an example
-# against it.
+# Builds kalo, starts the controller simulator on loopback and runs the
+# examples against it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -27,6 +27,7 @@ fi
 
 # ---- the example against the simulator ----
 build/examples/first_contact "udpxdr://127.0.0.1#$port"
+build/examples/coupling "udpxdr://127.0.0.1#$port" 5
 # ---- end of the example ----
 stop_sim
 trap - EXIT
