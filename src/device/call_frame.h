@@ -99,6 +99,33 @@ inline int reject_non_finite(KaloContext *ctx) {
   return -1;
 }
 
+// The per-point walk of a set-point call: each control point's entry of
+// `stride` floats must be finite (or the connection is closed), then
+// work(entry, point) runs under the lock and returns 0 or an error code,
+// which stops the walk (entries already written stay written).
+template <class Work>
+int each_set_point(KaloContext *ctx, const float *values, int stride, int32_t points, Work &&work) {
+  if (values == nullptr && points > 0) {
+    ctx->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  for (int32_t i = 0; i < points; ++i) {
+    const float *entry = values + stride * i;
+    if (!all_finite(entry, stride))
+      return reject_non_finite(ctx);
+    int code;
+    {
+      ContextLock hold(ctx);
+      code = work(entry, i);
+    }
+    if (code != 0) {
+      ctx->error_code = static_cast<uint32_t>(code);
+      return -1;
+    }
+  }
+  return 0;
+}
+
 } // namespace kalo
 
 #include <cerrno>

@@ -179,19 +179,14 @@ int32_t kaloSetForce(KaloContext *context, const float *force) {
     start_stream(*context);
     points = kalo::points_in_use(*context);
   }
-  if (force == nullptr && points > 0) {
-    context->error_code = KALO_ERROR_INCORRECT_VALUE;
-    return -1;
-  }
-  for (int32_t i = 0; i < points; ++i) {
-    const float *entry = force + 6 * i;
-    if (!kalo::all_finite(entry, 6))
-      return kalo::reject_non_finite(context);
-    kalo::ContextLock hold(context);
+  const int walked = kalo::each_set_point(context, force, 6, points, [&](const float *entry, int32_t i) {
     float converted[6];
     ecriture_force(context, entry, converted, i);
     std::memcpy(context->command_record.force + 6 * i, converted, sizeof converted);
-  }
+    return 0;
+  });
+  if (walked != 0)
+    return walked;
   kalo::ContextLock hold(context);
   kalo::post_field(context->command_record, 16);
   return 0;
@@ -233,27 +228,21 @@ int32_t kaloSetPosition(KaloContext *context, const float *position) {
     points = kalo::points_in_use(*context);
   }
   const uint32_t type = context->active_command_type.load();
-  if (position == nullptr && points > 0) {
-    context->error_code = KALO_ERROR_INCORRECT_VALUE;
-    return -1;
-  }
-  for (int32_t i = 0; i < points; ++i) {
-    const float *entry = position + 7 * i;
-    if (!kalo::all_finite(entry, 7))
-      return kalo::reject_non_finite(context);
-    if (test_deplacement_valide(entry) == 0) {
-      context->error_code = KALO_ERROR_INCORRECT_VALUE;
-      return -1;
-    }
-    kalo::ContextLock hold(context);
+  const int walked = kalo::each_set_point(context, position, 7, points, [&](const float *entry, int32_t i) {
+    if (test_deplacement_valide(entry) == 0)
+      return KALO_ERROR_INCORRECT_VALUE; // the connection stays open
     ServoPoint &p = context->servo[i];
     ecriture_position(context, entry, i);
     if (coupling_type(type))
       couple_position(context, p);
     else if (type == 2 && p.object_attached != 0)
       p.object_attached = 0;
+    // The controller gets the pose as the application gave it.
     std::memcpy(context->command_record.position + 7 * i, entry, sizeof(float) * 7);
-  }
+    return 0;
+  });
+  if (walked != 0)
+    return walked;
   uint32_t attach;
   {
     kalo::ContextLock hold(context);
@@ -277,21 +266,13 @@ int32_t kaloSetSpeed(KaloContext *context, const float *speed) {
     kalo::ContextLock hold(context);
     points = kalo::points_in_use(*context);
   }
-  if (speed == nullptr && points > 0) {
-    context->error_code = KALO_ERROR_INCORRECT_VALUE;
-    return -1;
-  }
-  for (int32_t i = 0; i < points; ++i) {
-    const float *entry = speed + 6 * i;
-    if (!kalo::all_finite(entry, 6))
-      return kalo::reject_non_finite(context);
-    kalo::ContextLock hold(context);
+  const int walked = kalo::each_set_point(context, speed, 6, points, [&](const float *entry, int32_t i) {
     float converted[6];
     ecriture_vitesse(context, entry, converted, i);
     // Outside the coupling types the converted speed is not stored: only the
     // field is marked (the controller has always been sent it that way).
     if (!coupling_type(type))
-      continue;
+      return 0;
     ServoPoint &p = context->servo[i];
     const int32_t guard = control_ener_cine_vitesse(context, entry, i);
     if (p.speed_power_wait > 0)
@@ -299,17 +280,20 @@ int32_t kaloSetSpeed(KaloContext *context, const float *speed) {
     if (guard == -1 && p.speed_power_requested == 1) {
       p.speed_power_requested = 0;
       kaloSetPowerOn(context, 0);
-      context->error_code = KALO_ERROR_POSITION_DISCONTINUITY;
-      return -1;
+      return KALO_ERROR_POSITION_DISCONTINUITY;
     }
     if (guard == -1) {
+      // Power comes back only after 10 s worth of time steps without a refusal.
       p.speed_power_wait = static_cast<int32_t>(10.0 / static_cast<double>(context->time_step));
     } else if (p.speed_power_requested == 0 && p.speed_power_wait == 0) {
       p.speed_power_requested = 1;
       kaloSetPowerOn(context, 1);
     }
     std::memcpy(context->command_record.speed + 6 * i, converted, sizeof converted);
-  }
+    return 0;
+  });
+  if (walked != 0)
+    return walked;
   kalo::ContextLock hold(context);
   kalo::post_field(context->command_record, 15);
   return 0;

@@ -187,19 +187,14 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
     }
     points = kalo::points_in_use(*context);
   }
-  if (wrench == nullptr && points > 0) {
-    context->error_code = KALO_ERROR_INCORRECT_VALUE;
-    return -1;
-  }
-  for (int32_t i = 0; i < points; ++i) {
-    const float *entry = wrench + 6 * i;
-    if (!kalo::all_finite(entry, 6))
-      return kalo::reject_non_finite(context);
-    kalo::ContextLock hold(context);
+  const int walked = kalo::each_set_point(context, wrench, 6, points, [&](const float *entry, int32_t i) {
     float converted[6];
     ecriture_texture_force(context, entry, converted, i);
     std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
-  }
+    return 0;
+  });
+  if (walked != 0)
+    return walked;
   kalo::ContextLock hold(context);
   kalo::post_field(context->command_record, 18);
   return 0;

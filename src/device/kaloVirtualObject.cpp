@@ -49,27 +49,36 @@ int attach_point(KaloContext &c, int32_t *point) {
   return KALO_NO_ERROR;
 }
 
-int attach_with_mass(KaloContext *ctx, const float *inertia, float mass, bool avatar) {
+// The attach sequence shared by the three attach calls: command type (17),
+// the call's own argument check, the next free point (-1 with no error when
+// there is none), then its gains, the attached flag and the attach request.
+template <class Check, class SetGains>
+int attach(KaloContext *ctx, bool avatar, Check &&check, SetGains &&set_gains) {
   if (!kalo::enter(ctx))
     return -1;
   kalo::ContextLock hold(ctx);
   int32_t i = -1;
   int code = attach_point(*ctx, &i);
-  if (code == KALO_NO_ERROR && !(mass > 0.0f))
-    code = KALO_ERROR_INCORRECT_VALUE;
-  if (code == KALO_NO_ERROR && inertia == nullptr)
-    code = KALO_ERROR_INCORRECT_VALUE;
+  if (code == KALO_NO_ERROR)
+    code = check();
   if (code != KALO_NO_ERROR) {
     ctx->error_code = static_cast<uint32_t>(code);
     return -1;
   }
   if (i < 0)
     return -1;
-  calcul_gains(ctx, inertia, i, mass);
+  set_gains(ctx->servo[i], i);
   ctx->servo[i].object_attached = 1;
   send_point_gains(*ctx, i);
   record_attach(*ctx, i, avatar);
   return 0;
+}
+
+int attach_with_mass(KaloContext *ctx, const float *inertia, float mass, bool avatar) {
+  return attach(
+      ctx, avatar,
+      [&] { return mass > 0.0f && inertia != nullptr ? KALO_NO_ERROR : KALO_ERROR_INCORRECT_VALUE; },
+      [&](ServoPoint &, int32_t i) { calcul_gains(ctx, inertia, i, mass); });
 }
 
 // Detaching: the attach flag goes out on field 11 or (avatar) 23, the gains
@@ -118,28 +127,19 @@ int32_t kaloAttachVOAvatar(KaloContext *context, const float *inertia, float mas
 }
 
 int32_t kaloAttachQSVO(KaloContext *context, const float *stiffness, const float *damping) {
-  if (!kalo::enter(context))
-    return -1;
-  kalo::ContextLock hold(context);
-  int32_t i = -1;
-  int code = attach_point(*context, &i);
-  if (code == KALO_NO_ERROR && (stiffness == nullptr || damping == nullptr))
-    code = KALO_ERROR_INCORRECT_VALUE;
-  if (code != KALO_NO_ERROR) {
-    context->error_code = static_cast<uint32_t>(code);
-    return -1;
-  }
-  if (i < 0)
-    return -1;
-  ServoPoint &p = context->servo[i];
-  for (int j = 0; j < 6; ++j) {
-    p.K->donnees[j * 7] = static_cast<double>(stiffness[j]);
-    p.B->donnees[j * 7] = static_cast<double>(damping[j]);
-  }
-  p.object_attached = 1;
-  send_point_gains(*context, i);
-  record_attach(*context, i, false);
-  return 0;
+  return attach(
+      context, false,
+      [&] {
+        return stiffness != nullptr && damping != nullptr ? KALO_NO_ERROR
+                                                          : KALO_ERROR_INCORRECT_VALUE;
+      },
+      [&](ServoPoint &p, int32_t) {
+        // The given gains go on the diagonals as they are, no mass model.
+        for (int j = 0; j < 6; ++j) {
+          p.K->donnees[j * 7] = static_cast<double>(stiffness[j]);
+          p.B->donnees[j * 7] = static_cast<double>(damping[j]);
+        }
+      });
 }
 
 int32_t kaloDetachVO(KaloContext *context) { return detach(context, 11); }
