@@ -50,29 +50,6 @@ TEST(CommandType, EachCallRunsOnlyInItsCommandTypes) {
   }
 }
 
-TEST(CommandType, SettingWritesTheModeByteAndRefusesOneTwoAndAboveSeven) {
-  CommandContext f;
-  KaloContext *c = f.get();
-  const int mode_byte[8] = {0, -1, -1, 4, 9, 10, 1, 3};
-  for (uint32_t type : {0u, 3u, 4u, 5u, 6u, 7u}) {
-    f.clear_posted();
-    ASSERT_EQ(kaloSetCommandType(c, type), 0);
-    EXPECT_EQ(f.posted(), "24");
-    EXPECT_EQ(c->command_record.command_type, mode_byte[type]);
-    EXPECT_EQ(c->active_command_type.load(), type);
-    EXPECT_EQ(c->command_type_set.load(), 1u);
-  }
-  f.clear_posted();
-  EXPECT_EQ(kaloSetCommandType(c, 1), -1);
-  EXPECT_EQ(kaloGetErrorCode(c), 18);
-  for (uint32_t bad : {2u, 8u, 0xFFFFFFFFu}) {
-    EXPECT_EQ(kaloSetCommandType(c, bad), -1);
-    EXPECT_EQ(kaloGetErrorCode(c), 9);
-  }
-  EXPECT_EQ(c->active_command_type.load(), 7u);
-  EXPECT_EQ(f.posted(), "");
-}
-
 TEST(SetPoints, StreamOpensOnceAndForcesGoThroughTheServoConversion) {
   CommandContext f(3);
   KaloContext *c = f.get();
@@ -278,33 +255,6 @@ TEST(Parameters, NonPositiveValuesAreRefusedAndLeaveTheOldOnes) {
   EXPECT_EQ(c->command_record.torque_saturation[0], 2.0f);
   EXPECT_EQ(c->command_record.torque_saturation[1], 3.0f);
   EXPECT_EQ(f.posted(), "5,53");
-}
-
-TEST(Parameters, SpeedFactorIsImmediateInCommandTypeThreeAndSmoothedElsewhere) {
-  CommandContext f(3);
-  KaloContext *c = f.get();
-  ASSERT_EQ(kaloSetSpeedFactor(c, 0.5f), 0);
-  EXPECT_EQ(f.posted(), "4");
-  EXPECT_EQ(c->command_record.speed_factor, 0.5f);
-  float v = 0;
-  ASSERT_EQ(kaloGetSpeedFactor(c, &v), 0);
-  EXPECT_EQ(v, 1.0f) << "the target is untouched in command type 3";
-
-  c->active_command_type = 6;
-  f.clear_posted();
-  ASSERT_EQ(kaloSetSpeedFactor(c, 0.25f), 0);
-  EXPECT_EQ(f.posted(), "");
-  ASSERT_EQ(kaloGetSpeedFactor(c, &v), 0);
-  EXPECT_EQ(v, 0.25f);
-  // One filter step, as the exchange thread takes on each frame, then the
-  // next position set-point sends the smoothed value.
-  TSIG_filtre_calculer(c->speed_factor_filter, c->speed_factor_target, c->speed_factor_filtered);
-  const double smoothed = c->speed_factor_filtered->donnees[0];
-  ASSERT_LT(smoothed, 1.0);
-  ASSERT_GT(smoothed, 0.25 + 0.0001);
-  ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
-  EXPECT_EQ(f.posted(), "4,14,61");
-  EXPECT_EQ(c->command_record.speed_factor, static_cast<float>(smoothed));
 }
 
 TEST(Parameters, FramesAreCheckedRememberedAndSent) {
