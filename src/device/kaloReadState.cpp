@@ -71,6 +71,20 @@ int copy_state(KaloContext *ctx, float (ExchangeRecord::*member)[N], float *to) 
   });
 }
 
+// One joint value per axis from the last state frame (controllers above 3.55).
+int32_t read_joints(KaloContext *ctx, float *values,
+                    const float (ExchangeRecord::*member)[kalo::kArticularRoom]) {
+  if (articular_refused(ctx))
+    return KALO_ERROR_INCOMPATIBLE_VERSION;
+  return kalo::locked_call(ctx, [&](KaloContext &c) {
+    if (values == nullptr)
+      return KALO_ERROR_INCORRECT_VALUE;
+    std::memcpy(values, c.state_record.*member,
+                sizeof(float) * static_cast<size_t>(clamp_axes(c.axis_count)));
+    return 0;
+  });
+}
+
 } // namespace
 
 extern "C" {
@@ -307,27 +321,11 @@ int32_t kaloGetNbAxes(KaloContext *context, uint32_t *count) {
 }
 
 int32_t kaloGetArticularPosition(KaloContext *context, float *values) {
-  if (articular_refused(context))
-    return KALO_ERROR_INCOMPATIBLE_VERSION;
-  return kalo::locked_call(context, [&](KaloContext &c) {
-    if (values == nullptr)
-      return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(values, c.state_record.articular_position,
-                sizeof(float) * static_cast<size_t>(clamp_axes(c.axis_count)));
-    return 0;
-  });
+  return read_joints(context, values, &ExchangeRecord::articular_position);
 }
 
 int32_t kaloGetArticularSpeed(KaloContext *context, float *values) {
-  if (articular_refused(context))
-    return KALO_ERROR_INCOMPATIBLE_VERSION;
-  return kalo::locked_call(context, [&](KaloContext &c) {
-    if (values == nullptr)
-      return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(values, c.state_record.articular_speed,
-                sizeof(float) * static_cast<size_t>(clamp_axes(c.axis_count)));
-    return 0;
-  });
+  return read_joints(context, values, &ExchangeRecord::articular_speed);
 }
 
 int32_t kaloGetArticularPositionOfAdditionalAxe(KaloContext *context, float *value) {

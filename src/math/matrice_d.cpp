@@ -12,6 +12,21 @@ constexpr double kTolerance = 1e-12;
 inline uint64_t count(const MATD *a) { return a->nb_lignes * a->nb_colonnes; }
 inline double &at(MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
 inline double at(const MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
+
+// r = op(a) op(b), each operand read as stored or transposed: the one loop
+// behind the four products. The sum accumulates in r's element, as it always has.
+template <bool TransposeA, bool TransposeB> MATD *product(const MATD *a, const MATD *b, MATD *r) {
+  const uint64_t inner = TransposeA ? a->nb_lignes : a->nb_colonnes;
+  for (uint64_t i = 0; i < r->nb_lignes; ++i)
+    for (uint64_t j = 0; j < r->nb_colonnes; ++j) {
+      double &e = at(r, i, j);
+      e = 0.0;
+      for (uint64_t k = 0; k < inner; ++k)
+        e += (TransposeA ? at(a, k, i) : at(a, i, k)) * (TransposeB ? at(b, j, k) : at(b, k, j));
+    }
+  return r;
+}
+
 } // namespace
 
 extern "C" {
@@ -266,53 +281,13 @@ MATD *MATD_deriver_par_colonnes(const MATD *a, MATD *r, double dt) {
   return r;
 }
 
-MATD *MATD_mult(const MATD *a, const MATD *b, MATD *r) {
-  const uint64_t inner = a->nb_colonnes;
-  for (uint64_t i = 0; i < r->nb_lignes; ++i)
-    for (uint64_t j = 0; j < r->nb_colonnes; ++j) {
-      double &e = at(r, i, j);
-      e = 0.0;
-      for (uint64_t k = 0; k < inner; ++k)
-        e += at(a, i, k) * at(b, k, j);
-    }
-  return r;
-}
+MATD *MATD_mult(const MATD *a, const MATD *b, MATD *r) { return product<false, false>(a, b, r); }
 
-MATD *MATD_mult_tr(const MATD *a, const MATD *b, MATD *r) {
-  const uint64_t inner = a->nb_colonnes;
-  for (uint64_t i = 0; i < r->nb_lignes; ++i)
-    for (uint64_t j = 0; j < r->nb_colonnes; ++j) {
-      double &e = at(r, i, j);
-      e = 0.0;
-      for (uint64_t k = 0; k < inner; ++k)
-        e += at(a, i, k) * at(b, j, k);
-    }
-  return r;
-}
+MATD *MATD_mult_tr(const MATD *a, const MATD *b, MATD *r) { return product<false, true>(a, b, r); }
 
-MATD *MATD_tr_mult(const MATD *a, const MATD *b, MATD *r) {
-  const uint64_t inner = a->nb_lignes;
-  for (uint64_t i = 0; i < r->nb_lignes; ++i)
-    for (uint64_t j = 0; j < r->nb_colonnes; ++j) {
-      double &e = at(r, i, j);
-      e = 0.0;
-      for (uint64_t k = 0; k < inner; ++k)
-        e += at(a, k, i) * at(b, k, j);
-    }
-  return r;
-}
+MATD *MATD_tr_mult(const MATD *a, const MATD *b, MATD *r) { return product<true, false>(a, b, r); }
 
-MATD *MATD_tr_mult_tr(const MATD *a, const MATD *b, MATD *r) {
-  const uint64_t inner = a->nb_lignes;
-  for (uint64_t i = 0; i < r->nb_lignes; ++i)
-    for (uint64_t j = 0; j < r->nb_colonnes; ++j) {
-      double &e = at(r, i, j);
-      e = 0.0;
-      for (uint64_t k = 0; k < inner; ++k)
-        e += at(a, k, i) * at(b, j, k);
-    }
-  return r;
-}
+MATD *MATD_tr_mult_tr(const MATD *a, const MATD *b, MATD *r) { return product<true, true>(a, b, r); }
 
 void MATD_mult_matrice_par_vecteur(const MATD *a, const double *x, double *y) {
   for (uint64_t i = 0; i < a->nb_lignes; ++i) {
