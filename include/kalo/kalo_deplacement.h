@@ -246,8 +246,9 @@ KALO_API MATD *DEPL_representation_homogene(const DEPL *d, MATD *h, MATD *r, VEC
 /**
  * @brief The 6 x 6 adjoint of d for twists ordered translation first: carries a
  *        twist from the moving frame of d to its reference frame (v' = R v +
- *        [t]x R w, w' = R w). Blocks: top-left R, top-right [t]x R,
- *        bottom-right R; the bottom-left block is not written.
+ *        [t]x R w, w' = R w).
+ *
+ * Blocks: top-left R, top-right [t]x R, bottom-right R; the bottom-left block is not written.
  * @param[in] d The displacement.
  * @param[out] a Receives the adjoint (6 x 6).
  * @param[out] s 3 x 3 work matrix.
@@ -258,9 +259,10 @@ KALO_API MATD *DEPL_representation_homogene(const DEPL *d, MATD *h, MATD *r, VEC
 KALO_API MATD *DEPL_adjoint(const DEPL *d, MATD *a, MATD *s, MATD *r, MATD *p);
 /**
  * @brief The inverse of DEPL_adjoint(): carries a twist from the reference
- *        frame of d to its moving frame. Blocks: top-left transpose(R),
- *        top-right -transpose(R) [t]x, bottom-right transpose(R); the
- *        bottom-left block is not written.
+ *        frame of d to its moving frame.
+ *
+ * Blocks: top-left transpose(R), top-right -transpose(R) [t]x, bottom-right transpose(R); the
+ * bottom-left block is not written.
  * @param[in] d The displacement.
  * @param[out] a Receives the adjoint (6 x 6).
  * @param[out] s 3 x 3 work matrix.

@@ -285,9 +285,10 @@ KALO_API MATD *MATD_exponentiel_twist(const MATD *xi, MATD *h, MATD *const *w, M
                                       MATD *p, MATD *r, float theta);
 /**
  * @brief The wrench column of a 6 x 6 spatial spring of stiffness k stretched
- *        by the transform h (TORS_calculer_effort() on matrices). The force
- *        elements 3..5 come from the vector of the force matrix, the moment
- *        elements 0..2 are row 0 of the moment matrix.
+ *        by the transform h (TORS_calculer_effort() on matrices).
+ *
+ * The force elements 3..5 come from the vector of the force matrix, the moment elements 0..2 are
+ * row 0 of the moment matrix.
  * @param[in] k The 6 x 6 stiffness, rotation first (N.m/rad, N/m).
  * @param[in] h The transform stretching the spring.
  * @param[out] w Receives the wrench column.

@@ -121,8 +121,9 @@ KALO_API QUAT *QUAT_inverse(const QUAT *q, QUAT *r);
 KALO_API void QUAT_forcer_positif(QUAT *q);
 /**
  * @brief Small rotation error between two orientations: the vector part of a
- *        conj(b), with the sign that makes its scalar non-negative. For a small
- *        error it is (angle / 2) times the axis, in the reference frame.
+ *        conj(b), with the sign that makes its scalar non-negative.
+ *
+ * For a small error it is (angle / 2) times the axis, in the reference frame.
  * @param[in] a The orientation reached.
  * @param[in] b The orientation compared with.
  * @param[out] r Receives the vector part.
@@ -159,8 +160,9 @@ KALO_API VECT3 *QUAT_inv_rot_vecteur(const QUAT *q, const VECT3 *v, VECT3 *r);
 KALO_API MATD *QUAT_convertir_quaternion_en_matrice(const QUAT *q, MATD *m);
 /**
  * @brief Quaternion of a rotation matrix; the branch is chosen on the largest
- *        candidate component. The result is not normalised and follows no sign
- *        rule.
+ *        candidate component.
+ *
+ * The result is not normalised and follows no sign rule.
  * @param[in] m A rotation matrix (upper-left 3 x 3 block).
  * @param[out] q Receives the quaternion.
  * @return q.

@@ -235,8 +235,9 @@ KALO_API TORS *TORS_changer_centre_reduction_et_repere_projection(const TORS *t,
 KALO_API TORS *TORS_saturer(TORS *t, const TORS *max, const TORS *min);
 /**
  * @brief Scales each half of t uniformly so that no component passes its
- *        bounds, keeping each half's direction. A zero upper bound zeroes its
- *        component.
+ *        bounds, keeping each half's direction.
+ *
+ * A zero upper bound zeroes its component.
  * @param[in,out] t The screw.
  * @param[in] max The upper bounds.
  * @param[in] min The lower bounds.
@@ -261,9 +262,10 @@ KALO_API DEPL *TORS_exponentiel(const TORS *t, DEPL *d, MATD *s, MATD *const *w,
                                 const MATD *identite, MATD *r, double theta);
 /**
  * @brief The filtered velocity twist of a moving displacement, in the reference
- *        frame. The difference from the previous displacement, divided by the
- *        filter's sampling period, passes the first-order filter, then is
- *        brought to the reference frame.
+ *        frame.
+ *
+ * The difference from the previous displacement, divided by the filter's sampling period, passes
+ * the first-order filter, then is brought to the reference frame.
  * @param[in] d The displacement now.
  * @param[in] d_prev The displacement one sampling period earlier.
  * @param[out] d_travail Work displacement.
