@@ -64,7 +64,7 @@
  * kaloWaitPressButton(), kaloVmGetTrajSamples(), kaloVmWaitUpperBound()) do
  * not hold the context while they wait; kaloClose() wakes every thread
  * blocked in such a wait, which then returns -1 with
- * #KALO_ERROR_COMMUNICATION.
+ * #KALO_ERROR_COMMUNICATION in #kaloGlobalError (the context being released).
  */
 #ifndef KALO_H
 #define KALO_H
@@ -214,11 +214,13 @@ typedef struct KaloErrorEntry {
 /**
  * @brief Last error of a call that had no valid context to store it in.
  *
- * Set to #KALO_ERROR_INVALID_CONTEXT by any call given a bad handle, by
- * kaloOpen() when it returns NULL, by the five Cartesian set-point calls when
- * a non-finite value closed the connection, by kaloClose() when the link had
- * failed, and to #KALO_ERROR_HARDWARE by kaloGetError(). Never cleared by the
- * library. A plain global, written without synchronisation.
+ * Written by any call given a bad handle (#KALO_ERROR_INVALID_CONTEXT), by
+ * kaloOpen() when it returns NULL (the reason), by the five Cartesian
+ * set-point calls when a non-finite value closed the connection
+ * (#KALO_ERROR_INCORRECT_VALUE), by kaloClose() when the link had failed and
+ * by the waits it ended (#KALO_ERROR_COMMUNICATION), and by kaloGetError() on
+ * a failed drive (#KALO_ERROR_HARDWARE). Never cleared by the library. A
+ * plain global, written without synchronisation.
  */
 KALO_API extern int32_t kaloGlobalError;
 /**
@@ -293,7 +295,8 @@ KALO_API KaloContext *kaloOpen(const char *url);
  * Detaches the virtual objects, stops the periodic loop, sends the closing
  * request to the controller, ends the threads and frees the context; takes
  * about 1 s. Every thread blocked in a library wait on this connection is
- * woken and its call returns -1 with #KALO_ERROR_COMMUNICATION. The handle
+ * woken and its call returns -1 with #KALO_ERROR_COMMUNICATION in
+ * #kaloGlobalError. The handle
  * is invalid afterwards: any later call with it reports
  * #KALO_ERROR_INVALID_CONTEXT. May be called from the periodic function.
  *
@@ -1121,9 +1124,9 @@ KALO_API int32_t kaloGetDeadMan(KaloContext *context, uint32_t *value);
  * @param[in] button The button's number, 1 to 16.
  * @retval 0 The button was pressed.
  * @retval -1 #KALO_ERROR_INCORRECT_VALUE at once: a button the device does
- *         not have; #KALO_ERROR_COMMUNICATION: the connection was closed
- *         during the wait; #KALO_ERROR_INVALID_CONTEXT (in #kaloGlobalError)
- *         or #KALO_ERROR_COMMUNICATION.
+ *         not have; #KALO_ERROR_COMMUNICATION in #kaloGlobalError: the
+ *         connection was closed during the wait; #KALO_ERROR_INVALID_CONTEXT
+ *         (in #kaloGlobalError) or #KALO_ERROR_COMMUNICATION.
  */
 KALO_API int32_t kaloWaitPressButton(KaloContext *context, uint32_t button);
 /**
@@ -1612,8 +1615,9 @@ KALO_API int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count);
  *                     pose x, y, z (m), then qx, qy, qz, qw.
  * @retval 0 Success.
  * @retval -1 No sample came within 3 s (no code recorded);
- *         #KALO_ERROR_COMMUNICATION: the connection was closed during the
- *         wait; #KALO_ERROR_INCORRECT_VM: mechanism type other than 1;
+ *         #KALO_ERROR_COMMUNICATION in #kaloGlobalError: the connection
+ *         was closed during the wait; #KALO_ERROR_INCORRECT_VM: mechanism
+ *         type other than 1;
  *         #KALO_ERROR_INCORRECT_VALUE: @p samples NULL;
  *         #KALO_ERROR_WRONG_COMMAND_MODE: command type other than 5;
  *         #KALO_ERROR_INVALID_CONTEXT (in #kaloGlobalError) or
@@ -1628,8 +1632,9 @@ KALO_API int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples);
  * @retval 0 The signal came.
  * @retval -1 #KALO_ERROR_INCORRECT_VM: mechanism type above 1;
  *         #KALO_ERROR_WRONG_MOMENT: the mechanism is not active;
- *         #KALO_ERROR_COMMUNICATION: the connection was closed during the
- *         wait; #KALO_ERROR_WRONG_COMMAND_MODE: command type other than 5;
+ *         #KALO_ERROR_COMMUNICATION in #kaloGlobalError: the connection
+ *         was closed during the wait; #KALO_ERROR_WRONG_COMMAND_MODE:
+ *         command type other than 5;
  *         #KALO_ERROR_INVALID_CONTEXT (in #kaloGlobalError) or
  *         #KALO_ERROR_COMMUNICATION.
  */
