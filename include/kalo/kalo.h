@@ -66,6 +66,22 @@
  * blocked in such a wait, which then returns -1 with
  * #KALO_ERROR_COMMUNICATION in #kaloGlobalError (the context being released).
  */
+/**
+ * @mainpage kalo: client library of a force-feedback arm's controller
+ *
+ * An application opens a connection with kaloOpen(), chooses a command type,
+ * streams set-points and reads the arm's state through the calls of kalo.h,
+ * then closes the connection with kaloClose(). Start with the conventions of
+ * kalo.h (results, error codes, units, frames), then the groups of calls:
+ * - @ref kalo_connection, @ref kalo_loop, @ref kalo_errors;
+ * - @ref kalo_commands, @ref kalo_parameters, @ref kalo_readout;
+ * - @ref kalo_vo, @ref kalo_vm, @ref kalo_joint.
+ * .
+ * The library also exports the mathematics it rests on (kalo_math.h and the
+ * headers it includes), signal filters (kalo_signal.h), real-time primitives
+ * (kalo_realtime.h) and 6D springs and dampers (kalo_spring.h);
+ * kalo_internal.h holds the calls exported for its own modules and tools.
+ */
 #ifndef KALO_H
 #define KALO_H
 
