@@ -1115,7 +1115,7 @@ KALO_API int32_t kaloGetButton(KaloContext *context, uint32_t button, uint32_t *
  * @retval 0 Always: a failed read is reported only by its code
  *         (#KALO_ERROR_INVALID_CONTEXT in #kaloGlobalError,
  *         #KALO_ERROR_COMMUNICATION, or #KALO_ERROR_INCORRECT_VALUE for a
- *         NULL @p value), as applications have always been given it.
+ *         NULL @p value).
  */
 KALO_API int32_t kaloGetEmergencyStop(KaloContext *context, uint32_t *value);
 /**
