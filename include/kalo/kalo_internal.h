@@ -40,8 +40,13 @@ typedef int (*kalo_close_fn)(int descriptor, struct sockaddr_in *peer, void *tab
 KALO_API int open_protocol(uint32_t type, int descriptor, kalo_read_fn read_fn,
                            kalo_write_fn write_fn, kalo_close_fn close_fn,
                            struct sockaddr_in *peer);
-/* Receives one datagram, checks its envelope and copies at most capacity payload
- * bytes. Returns the datagram size minus 6, or -1 (EBADF, EFAULT, EPROTO). */
+/* Receives one datagram, checks its envelope and copies its payload (at most
+ * capacity bytes). Returns the payload length the envelope declares (the
+ * datagram size minus 6 for a well-formed datagram; bytes beyond the declared
+ * length are never handed on), or -1: EBADF, EFAULT, EPROTO for a wrong length
+ * or checksum, EACCES for a datagram of a UDP session that came from another
+ * address than the controller's or, once a first frame has been accepted,
+ * from another port than that frame's (it is dropped unread). */
 KALO_API int read_protocol(int handle, void *bytes, int capacity);
 /* Wraps count bytes in the envelope and sends them; returns count or -1
  * (EBADF, EFAULT, EMSGSIZE above 1440 bytes, EPROTO on a short send). */
@@ -60,7 +65,8 @@ KALO_API void print_trame(void);
  * when 0), bound to local_port or, when 0, to the first free port of 3131..3140.
  * Returns the session handle or -1. */
 KALO_API int open_protocol_udp(const char *host, int local_port, int remote_port);
-/* One recvfrom; the sender is not compared with the peer. */
+/* One recvfrom; the sender is not compared with the peer here (read_protocol
+ * does that for its sessions). */
 KALO_API int read_udp(int descriptor, void *bytes, int capacity, struct sockaddr_in *peer);
 /* One sendto to the peer; returns count, 0 or -1. */
 KALO_API int write_udp(int descriptor, const void *bytes, int count, struct sockaddr_in *peer);
