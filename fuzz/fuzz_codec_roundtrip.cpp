@@ -109,7 +109,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
   }
   if (ra.field_changed[29] != 0 &&
       std::memcmp(&a.samples[static_cast<std::size_t>(rb.list_index - 1) * 7],
-                  &b.samples[static_cast<std::size_t>(rb.list_index - 1) * 7], 7 * sizeof(float)) != 0)
+                  &b.samples[static_cast<std::size_t>(rb.list_index - 1) * 7],
+                  7 * sizeof(float)) != 0)
     std::abort();
 
   // The decoded record says the same on the wire.

@@ -29,13 +29,18 @@ const uint8_t *g_datagram = nullptr;
 std::size_t g_datagram_size = 0;
 
 int fuzz_read(int, void *bytes, int capacity, sockaddr_in *) {
-  const std::size_t n = g_datagram_size < static_cast<std::size_t>(capacity) ? g_datagram_size
-                                                                              : static_cast<std::size_t>(capacity);
+  const std::size_t n = g_datagram_size < static_cast<std::size_t>(capacity)
+                            ? g_datagram_size
+                            : static_cast<std::size_t>(capacity);
   std::memcpy(bytes, g_datagram, n);
   return static_cast<int>(n);
 }
-int fuzz_write(int, const void *, int count, sockaddr_in *) { return count; }
-int fuzz_close(int, sockaddr_in *, void *) { return 0; }
+int fuzz_write(int, const void *, int count, sockaddr_in *) {
+  return count;
+}
+int fuzz_close(int, sockaddr_in *, void *) {
+  return 0;
+}
 
 // What the envelope declares, computed here independently: the payload length
 // of a datagram that is long enough and sums to zero, else -1.
@@ -99,7 +104,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     std::abort();
   if (n < 0)
     return 0;
-  if (datagram[0] != kalo::kEnvelopeMarker0 && n != static_cast<int>(datagram.size() - 6 - kStrayBytes))
+  if (datagram[0] != kalo::kEnvelopeMarker0 &&
+      n != static_cast<int>(datagram.size() - 6 - kStrayBytes))
     std::abort();
 
   std::unique_ptr<uint8_t[]> payload(new uint8_t[n > 0 ? static_cast<std::size_t>(n) : 1]);
@@ -109,7 +115,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
 
   ExchangeRecord &state = *f.state;
   state = *f.live;
-  const uint32_t used = encode_decode(kalo::kModeDecode, &state, payload.get(), static_cast<uint32_t>(n));
+  const uint32_t used =
+      encode_decode(kalo::kModeDecode, &state, payload.get(), static_cast<uint32_t>(n));
   if (used != kalo::kCodecFailure && used > static_cast<uint32_t>(n))
     std::abort();
   if (kalo_test::unowned_change(*f.live, state) >= 0 || !kalo_test::counts_fit(state))

@@ -48,7 +48,9 @@ constexpr int kAxisCountField = 69;
 
 enum class Outcome { adopted, rejected, failed };
 
-Outcome outcome_of(bool ok) { return ok ? Outcome::adopted : Outcome::failed; }
+Outcome outcome_of(bool ok) {
+  return ok ? Outcome::adopted : Outcome::failed;
+}
 
 // One coding pass over a frame. ncp and nax size the per-point and per-axis
 // items: the record's own counts, or, while decoding, the counts that the
@@ -97,7 +99,9 @@ bool code_spare_run(XDR *x, Kind kind, unsigned count) {
 }
 
 // A count that sizes a loop: negative counts code nothing.
-unsigned wire_count(int32_t n) { return n > 0 ? static_cast<unsigned>(n) : 0u; }
+unsigned wire_count(int32_t n) {
+  return n > 0 ? static_cast<unsigned>(n) : 0u;
+}
 
 // An item of `groups` groups when the record holds `room`: what does not fit
 // is sent as zeros; on receipt the whole item is read off and rejected.
@@ -167,9 +171,10 @@ Outcome code_texture(Coder &c) {
     return code_spare_run(c.x, Kind::Short, 1) ? Outcome::rejected : Outcome::failed;
   }
   for (unsigned g = 0; g < groups; ++g) {
-    const bool ok = g < static_cast<unsigned>(kControlPointRoom)
-                        ? code_run(c.x, Kind::Float, reinterpret_cast<unsigned char *>(c.r.texture), 3)
-                        : code_spare_run(c.x, Kind::Float, 3);
+    const bool ok =
+        g < static_cast<unsigned>(kControlPointRoom)
+            ? code_run(c.x, Kind::Float, reinterpret_cast<unsigned char *>(c.r.texture), 3)
+            : code_spare_run(c.x, Kind::Float, 3);
     if (!ok || !xdr_float(c.x, &c.r.texture_intensity))
       return Outcome::failed;
   }

@@ -93,7 +93,10 @@ constexpr FieldDesc handler(FieldDesc members) {
 }
 
 #define AT(member) offsetof(ExchangeRecord, member)
-#define SEG(member, kind, count) Segment{static_cast<uint16_t>(AT(member)), Kind::kind, count}
+#define SEG(member, kind, count)                                                                   \
+  Segment {                                                                                        \
+    static_cast<uint16_t>(AT(member)), Kind::kind, count                                           \
+  }
 
 // The field catalogue, indexed by identifier. Identifiers left at their default
 // (no segment) carry no value: the identifier byte is the whole item.
@@ -114,8 +117,8 @@ constexpr std::array<FieldDesc, kalo::kFieldCount + 1> make_catalogue() {
   c[14] = one(AT(position), Kind::Float, 7, Repeat::PerPoint);
   c[15] = one(AT(speed), Kind::Float, 6, Repeat::PerPoint);
   c[16] = one(AT(force), Kind::Float, 6, Repeat::PerPoint);
-  c[17] = handler(three(SEG(texture, Float, 3), SEG(texture_intensity, Float, 1),
-                             SEG(texture_flag, Short, 1)));
+  c[17] = handler(
+      three(SEG(texture, Float, 3), SEG(texture_intensity, Float, 1), SEG(texture_flag, Short, 1)));
   c[18] = one(AT(texture_force), Kind::Float, 6, Repeat::PerPoint);
   c[19] = one(AT(indexing_mode), Kind::Char);
   c[20] = one(AT(request), Kind::Short);
@@ -126,7 +129,7 @@ constexpr std::array<FieldDesc, kalo::kFieldCount + 1> make_catalogue() {
   c[25] = one(AT(power_on), Kind::Char);
   c[27] = one(AT(vm_activate), Kind::Char);
   c[28] = one(AT(vm_type), Kind::Char);
-  c[29] = handler(one(AT(list_index), Kind::Int)); // and one slot of traj_samples
+  c[29] = handler(one(AT(list_index), Kind::Int));        // and one slot of traj_samples
   c[30] = handler(one(AT(traj_sample_count), Kind::Int)); // and list_index
   c[32] = one(AT(vm_base_frame), Kind::Float, 7);
   c[33] = one(AT(vm_min_arti_bounds), Kind::Float, 10);
@@ -170,7 +173,8 @@ constexpr std::array<FieldDesc, kalo::kFieldCount + 1> make_catalogue() {
   c[79] = one(AT(force_shift_button), Kind::Int);
   c[80] = one(AT(added_force), Kind::Float, 6);
   c[81] = one(AT(additional_axis_force), Kind::Float);
-  c[82] = two(SEG(rotation_speed_control.mode, Int, 1), SEG(rotation_speed_control.first, Float, 2));
+  c[82] =
+      two(SEG(rotation_speed_control.mode, Int, 1), SEG(rotation_speed_control.first, Float, 2));
   c[83] = one(AT(rotation_speed_control.mode), Kind::Int);
   c[84] = one(AT(force_in_speed_control), Kind::Float);
   c[85] = one(AT(torque_in_speed_control), Kind::Float);

@@ -56,7 +56,8 @@ TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
   std::thread flood([&] {
     while (!stop.load()) {
       for (const auto &d : datagrams)
-        if (sendto(stranger, d.data(), d.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) > 0)
+        if (sendto(stranger, d.data(), d.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) >
+            0)
           sent++;
       std::this_thread::sleep_for(200us);
     }

@@ -38,7 +38,9 @@ inline const std::array<ItemSet, sizeof(ExchangeRecord)> &record_byte_owners() {
 
 // Bookkeeping that decoding may change whatever arrived.
 inline bool is_codec_bookkeeping(std::size_t offset) {
-  auto within = [offset](std::size_t at, std::size_t size) { return offset >= at && offset < at + size; };
+  auto within = [offset](std::size_t at, std::size_t size) {
+    return offset >= at && offset < at + size;
+  };
   return within(offsetof(ExchangeRecord, field_changed), sizeof(ExchangeRecord::field_changed)) ||
          within(offsetof(ExchangeRecord, current_tag), sizeof(uint8_t)) ||
          within(offsetof(ExchangeRecord, items_rejected), sizeof(uint32_t)) ||
@@ -53,7 +55,8 @@ inline long unowned_change(const ExchangeRecord &before, const ExchangeRecord &a
   const auto &owners = record_byte_owners();
   constexpr std::size_t kBlock = 64;
   for (std::size_t i = 0; i < sizeof(ExchangeRecord); ++i) {
-    if (i % kBlock == 0 && i + kBlock <= sizeof(ExchangeRecord) && std::memcmp(a + i, b + i, kBlock) == 0) {
+    if (i % kBlock == 0 && i + kBlock <= sizeof(ExchangeRecord) &&
+        std::memcmp(a + i, b + i, kBlock) == 0) {
       i += kBlock - 1; // an unchanged block
       continue;
     }

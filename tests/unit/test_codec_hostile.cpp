@@ -37,7 +37,8 @@ struct State {
     r->traj_samples = reinterpret_cast<float(*)[7]>(samples.data());
   }
   uint32_t decode(Bytes frame) {
-    return encode_decode(kalo::kModeDecode, r.get(), frame.data(), static_cast<uint32_t>(frame.size()));
+    return encode_decode(kalo::kModeDecode, r.get(), frame.data(),
+                         static_cast<uint32_t>(frame.size()));
   }
   kalo_test::ItemSet flagged() const {
     kalo_test::ItemSet s;
@@ -85,7 +86,7 @@ constexpr uint32_t kFail = 0xFFFFFFFFu;
 struct Case {
   const char *what;
   Bytes frame;
-  uint32_t result;                  // bytes consumed or kFail
+  uint32_t result;        // bytes consumed or kFail
   std::vector<int> flags; // items adopted (or failing part-way)
   uint32_t rejected;
 };
@@ -94,17 +95,23 @@ struct Case {
 
 TEST(CodecHostile, CountsIndicesAndNamesThatDoNotFitAreSkippedCountedAndNeverAdopted) {
   Bytes unterminated = item(46);
-  unterminated.insert(unterminated.end(), 32 * 4, 0);
+  unterminated.insert(unterminated.end(), std::size_t{32 * 4}, 0);
   for (std::size_t i = 4; i < unterminated.size(); i += 4)
     unterminated[i] = 'a';
   const Bytes buttons = item(22, {5});
   const std::vector<Case> cases = {
       {"item 30 = 3000 fits the sample array",
-       payload_of({0xc3, 0x3c, 0x05, 0x00, 0x1e, 0x00, 0x00, 0x0b, 0xb8, 0x1b, 0xfe}), 5, {30}, 0},
+       payload_of({0xc3, 0x3c, 0x05, 0x00, 0x1e, 0x00, 0x00, 0x0b, 0xb8, 0x1b, 0xfe}),
+       5,
+       {30},
+       0},
       {"item 30 = 3001", item(30, {3001}), 5, {}, 1},
       {"item 30 = -1", item(30, {-1}), 5, {}, 1},
-      {"item 52 = 1000", payload_of({0xc3, 0x3c, 0x05, 0x00, 0x34, 0x00, 0x00, 0x03, 0xe8, 0xdd, 0xfd}),
-       5, {}, 1},
+      {"item 52 = 1000",
+       payload_of({0xc3, 0x3c, 0x05, 0x00, 0x34, 0x00, 0x00, 0x03, 0xe8, 0xdd, 0xfd}),
+       5,
+       {},
+       1},
       {"item 52 = -1", item(52, {-1}), 5, {}, 1},
       {"item 52 = 1", item(52, {1}), 5, {52}, 0},
       {"item 69 = 21", item(69, {21}), 5, {}, 1},
@@ -114,11 +121,20 @@ TEST(CodecHostile, CountsIndicesAndNamesThatDoNotFitAreSkippedCountedAndNeverAdo
       {"sample index 2999", item(29, {2999}, 7, kOne), 33, {29}, 0},
       {"spline name without terminator", cat({unterminated, buttons}), 134, {22}, 1},
       {"two control points: the pose is skipped, the buttons read",
-       cat({item(52, {2}), item(14, {}, 14, kOne), buttons}), 5 + 57 + 5, {22}, 2},
+       cat({item(52, {2}), item(14, {}, 14, kOne), buttons}),
+       5 + 57 + 5,
+       {22},
+       2},
       {"25 axes: the joints are skipped, the buttons read",
-       cat({item(69, {25}), item(70, {}, 25, kOne), buttons}), 5 + 101 + 5, {22}, 2},
+       cat({item(69, {25}), item(70, {}, 25, kOne), buttons}),
+       5 + 101 + 5,
+       {22},
+       2},
       {"a count the frame cannot hold makes it malformed",
-       cat({buttons, item(52, {1000}), item(14, {}, 7, kOne)}), kFail, {22, 14}, 1},
+       cat({buttons, item(52, {1000}), item(14, {}, 7, kOne)}),
+       kFail,
+       {22, 14},
+       1},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
@@ -131,7 +147,8 @@ TEST(CodecHostile, CountsIndicesAndNamesThatDoNotFitAreSkippedCountedAndNeverAdo
       expected.set(static_cast<std::size_t>(id));
     EXPECT_EQ(s.flagged(), expected);
     EXPECT_EQ(s.r->items_rejected, c.rejected);
-    EXPECT_EQ(kalo_test::unowned_change(before, *s.r), -1) << "a byte changed that no arrived item owns";
+    EXPECT_EQ(kalo_test::unowned_change(before, *s.r), -1)
+        << "a byte changed that no arrived item owns";
     EXPECT_TRUE(kalo_test::counts_fit(*s.r));
     if (!expected.test(29)) {
       EXPECT_EQ(s.samples, samples_before);

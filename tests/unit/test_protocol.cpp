@@ -169,8 +169,7 @@ TEST(ProtocolSessions, OnlyTheControllersAddressAndFirstPortAreAccepted) {
       {&other_host, -1}, // never the controller's address
       {&controller, 5},  // the first frame fixes the controller's port
       {&same_host, -1},  // the right address, another port
-      {&other_host, -1},
-      {&controller, 5},
+      {&other_host, -1}, {&controller, 5},
   };
   for (const auto &step : steps) {
     step.from->send_to(kLocal, frame);
