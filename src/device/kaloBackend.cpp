@@ -22,6 +22,7 @@
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_signal.h"
 #include "protocol/exchange_record.h"
+#include "protocol/proto_session.h"
 
 namespace {
 
@@ -143,10 +144,18 @@ void *_backendThread(void *context) {
 
   for (;;) {
     errno = 0;
-    const int received = read_protocol(ctx->session, frame, static_cast<int>(kalo::kFrameCapacity));
+    kalo::Arrival arrival = kalo::Arrival::nothing;
+    const int received =
+        kalo::receive_frame(ctx->session, frame, static_cast<int>(kalo::kFrameCapacity), &arrival);
+    if (arrival == kalo::Arrival::foreign)
+      kalo::count_one(ctx->link_counters.frames_foreign);
+    else if (arrival == kalo::Arrival::malformed)
+      kalo::count_one(ctx->link_counters.frames_malformed);
     if (received < 1) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK) {
-        // Nothing arrived within the receive time-out: no frame is due.
+      if (errno == EAGAIN || errno == EWOULDBLOCK || arrival == kalo::Arrival::foreign) {
+        // Nothing arrived within the receive time-out, or only a stranger's
+        // datagram (which must neither slow the exchange nor trigger a
+        // command frame): no frame is due.
         if (ctx->backend_stop.load() != 0)
           break;
         continue;
@@ -156,8 +165,13 @@ void *_backendThread(void *context) {
     } else {
       {
         ContextLock hold(ctx);
-        encode_decode(kalo::kModeDecode, &ctx->state_record, frame,
-                      static_cast<uint32_t>(received));
+        ExchangeRecord &state = ctx->state_record;
+        const uint32_t rejected_before = state.items_rejected;
+        if (encode_decode(kalo::kModeDecode, &state, frame, static_cast<uint32_t>(received)) ==
+            kalo::kCodecFailure)
+          kalo::count_one(ctx->link_counters.frames_malformed);
+        ctx->link_counters.items_rejected.fetch_add(state.items_rejected - rejected_before,
+                                                    std::memory_order_relaxed);
         ctx->frames_received++;
         ctx->watchdog_counter++;
         ctx->frame_received = 1;

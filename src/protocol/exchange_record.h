@@ -122,9 +122,10 @@ struct ExchangeRecord {
   uint8_t current_tag;     // identifier being coded
   float (*traj_samples)[7]; // item 29 samples, owned outside the record
   int32_t list_index;      // index used by item 29
-  // Values from the wire that had no room in the record (more control points or
-  // axes than the record holds, a sample index out of range); they are skipped.
-  uint32_t dropped_values;
+  // Items decoded from the wire but not adopted because a count, an index or a
+  // name did not fit the record (see the codec); the exchange thread adds them
+  // to the link counters.
+  uint32_t items_rejected;
   unsigned char xdr_scratch[kalo::kFrameCapacity]; // each item's value is built here
 };
 

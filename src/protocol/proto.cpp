@@ -42,8 +42,63 @@ void free_buffers(ProtoSession &s) {
   s.rx_buffer = nullptr;
 }
 
+// A datagram is the controller's when it comes from the controller's address
+// and, once the first frame has been accepted, from that frame's port.
+bool from_controller(const ProtoSession &s, const sockaddr_in &from) {
+  return from.sin_family == AF_INET && from.sin_addr.s_addr == s.peer->sin_addr.s_addr &&
+         (s.controller_port == 0 || from.sin_port == s.controller_port);
+}
+
 } // namespace
 
+namespace kalo {
+
+// Sessions of the UDP transport learn each datagram's sender and accept only
+// the controller's; other transports deliver what they read. Only the bytes
+// the envelope declares are handed on: a datagram longer than its length
+// field says, or a short read, never exposes the tail of an earlier frame.
+int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival) {
+  Arrival ignored;
+  Arrival &what = arrival != nullptr ? *arrival : ignored;
+  what = Arrival::nothing;
+  ProtoSession *s = session_of(handle);
+  if (s == nullptr)
+    return -1;
+  if (bytes == nullptr || s->rx_buffer == nullptr || capacity < 0) {
+    errno = EFAULT;
+    return -1;
+  }
+  int room = capacity + static_cast<int>(kEnvelopeOverhead);
+  if (room > static_cast<int>(kSessionBufferSize))
+    room = static_cast<int>(kSessionBufferSize);
+  const bool check_sender = s->read_fn == read_udp && s->peer != nullptr;
+  sockaddr_in from{};
+  const int received = check_sender ? udp_receive_from(s->fd, s->rx_buffer, room, &from)
+                                    : s->read_fn(s->fd, s->rx_buffer, room, s->peer);
+  if (received < 0)
+    return -1;
+  if (check_sender && !from_controller(*s, from)) {
+    what = Arrival::foreign;
+    errno = EACCES;
+    return -1;
+  }
+  what = Arrival::malformed;
+  if (received <= 5)
+    return -1;
+  const int length = envelope_check(s->rx_buffer, static_cast<std::size_t>(received));
+  if (length < 0) {
+    errno = EPROTO;
+    return -1;
+  }
+  // length <= received - 6 <= capacity: the whole payload fits.
+  std::memcpy(bytes, s->rx_buffer + 4, static_cast<std::size_t>(length));
+  if (check_sender && s->controller_port == 0)
+    s->controller_port = from.sin_port;
+  what = Arrival::frame;
+  return length;
+}
+
+} // namespace kalo
 
 extern "C" {
 
@@ -62,6 +117,7 @@ int open_protocol(uint32_t type, int descriptor, kalo_read_fn read_fn, kalo_writ
   s.write_fn = write_fn;
   s.close_fn = close_fn;
   s.peer = peer;
+  s.controller_port = 0;
   s.tx_buffer = static_cast<unsigned char *>(std::malloc(kalo::kSessionBufferSize));
   s.rx_buffer = static_cast<unsigned char *>(std::malloc(kalo::kSessionBufferSize));
   if (s.tx_buffer == nullptr || s.rx_buffer == nullptr) {
@@ -95,26 +151,7 @@ int write_protocol(int handle, const void *bytes, int count) {
 }
 
 int read_protocol(int handle, void *bytes, int capacity) {
-  ProtoSession *s = session_of(handle);
-  if (s == nullptr)
-    return -1;
-  if (bytes == nullptr || s->rx_buffer == nullptr || capacity < 0) {
-    errno = EFAULT;
-    return -1;
-  }
-  int room = capacity + static_cast<int>(kalo::kEnvelopeOverhead);
-  if (room > static_cast<int>(kalo::kSessionBufferSize))
-    room = static_cast<int>(kalo::kSessionBufferSize);
-  const int received = s->read_fn(s->fd, s->rx_buffer, room, s->peer);
-  if (received <= 5)
-    return -1;
-  const int length = kalo::envelope_check(s->rx_buffer, static_cast<std::size_t>(received));
-  if (length < 0) {
-    errno = EPROTO;
-    return -1;
-  }
-  std::memcpy(bytes, s->rx_buffer + 4, static_cast<std::size_t>(length < capacity ? length : capacity));
-  return received - static_cast<int>(kalo::kEnvelopeOverhead);
+  return kalo::receive_frame(handle, bytes, capacity, nullptr);
 }
 
 int close_protocol(int handle) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <netinet/in.h>
 
 #include "kalo/kalo_internal.h"
 #include "protocol/exchange_record.h"
@@ -58,6 +59,21 @@ inline int envelope_check(const unsigned char *datagram, std::size_t received) {
   return static_cast<int>(length);
 }
 
+// What one receive on a session brought.
+enum class Arrival {
+  frame,     // a frame from the controller: its payload was copied
+  nothing,   // no datagram (time-out, or the socket reported an error)
+  malformed, // too short, a length beyond the datagram, or a wrong checksum
+  foreign,   // from a sender other than the controller: dropped unread
+};
+
+// Receives one frame as read_protocol does (same result and errno) and says
+// what came, so the exchange thread can count what it drops.
+int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival);
+
+// Receives one datagram on a UDP session's socket and reports its sender.
+int udp_receive_from(int descriptor, void *bytes, int capacity, sockaddr_in *from);
+
 } // namespace kalo
 
 // One slot of the session table.
@@ -70,4 +86,8 @@ struct ProtoSession {
   unsigned char *tx_buffer;
   unsigned char *rx_buffer;
   struct sockaddr_in *peer;
+  // UDP sessions: the source port of the first frame accepted from the
+  // controller's address (network order), 0 until then. Later datagrams
+  // from any other port are foreign.
+  uint16_t controller_port;
 };

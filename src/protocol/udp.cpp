@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "kalo/kalo_internal.h"
+#include "protocol/proto_session.h"
 
 namespace {
 
@@ -44,6 +45,12 @@ bool resolve(const char *host, in_addr *out) {
 }
 
 } // namespace
+
+int kalo::udp_receive_from(int descriptor, void *bytes, int capacity, sockaddr_in *from) {
+  socklen_t from_len = sizeof *from;
+  return static_cast<int>(recvfrom(descriptor, bytes, static_cast<std::size_t>(capacity), 0,
+                                   reinterpret_cast<sockaddr *>(from), &from_len));
+}
 
 extern "C" {
 
@@ -90,12 +97,12 @@ int open_protocol_udp(const char *host, int local_port, int remote_port) {
   return handle;
 }
 
+// Alone, the transport's read does not judge the sender: the protocol layer
+// reads through udp_receive_from and checks it against the session's peer.
 int read_udp(int descriptor, void *bytes, int capacity, struct sockaddr_in *peer) {
-  (void)peer; // the sender is not compared with the controller's address
+  (void)peer;
   sockaddr_in from{};
-  socklen_t from_len = sizeof from;
-  return static_cast<int>(recvfrom(descriptor, bytes, static_cast<std::size_t>(capacity), 0,
-                                   reinterpret_cast<sockaddr *>(&from), &from_len));
+  return kalo::udp_receive_from(descriptor, bytes, capacity, &from);
 }
 
 int write_udp(int descriptor, const void *bytes, int count, struct sockaddr_in *peer) {

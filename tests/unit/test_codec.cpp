@@ -76,7 +76,8 @@ uint32_t expected_payload(int id) {
 }
 
 // Fills every member before the bookkeeping with a byte pattern that makes
-// each float, int, short and char distinctive, then restores the counts.
+// each float, int, short and char distinctive, then makes the counts and the
+// name valid.
 void fill_pattern(Record &rec, std::mt19937 &rng) {
   auto *bytes = reinterpret_cast<unsigned char *>(rec.get());
   const std::size_t n = offsetof(ExchangeRecord, field_changed);
@@ -84,6 +85,8 @@ void fill_pattern(Record &rec, std::mt19937 &rng) {
     bytes[i] = static_cast<unsigned char>(rng() % 200 + 20); // avoids NaN patterns
   rec->control_point_count = 1;
   rec->axis_count_wire = 6;
+  rec->traj_sample_count = 250; // counts and names the decoder would refuse
+  rec->spline_name[kalo::kSplineNameRoom - 1] = '\0';
   rec->list_index = 5;
   for (auto &s : rec.samples)
     for (auto &v : s)
@@ -244,44 +247,6 @@ TEST(CodecHostile, TruncatedItemFailsButKeepsTheGoodPrefix) {
   EXPECT_EQ(decode(r.get(), frame), 0xFFFFFFFFu);
   EXPECT_EQ(r->buttons, 3);
   EXPECT_EQ(r->field_changed[22], 1u);
-}
-
-TEST(CodecHostile, CountsBeyondTheRecordAreSkippedAndTheFrameStaysAligned) {
-  Record a;
-  a->axis_count_wire = 25;
-  a->control_point_count = 3;
-  for (int i = 0; i < 20; ++i)
-    a->articular_position[i] = static_cast<float>(i);
-  a->buttons = 9;
-  a->field_changed[70] = a->field_changed[22] = a->field_changed[14] = 1;
-  const auto frame = encode(a.get()); // 25 floats, 3 pose groups; extras encode as zeros
-  ASSERT_EQ(frame.size(), (1 + 25 * 4) + 5 + (1 + 3 * 28u));
-
-  Record b;
-  b->axis_count_wire = 25;
-  b->control_point_count = 3;
-  ASSERT_EQ(decode(b.get(), frame), frame.size());
-  EXPECT_EQ(b->articular_position[19], 19.0f);
-  EXPECT_EQ(b->buttons, 9); // the item after the oversized one decodes correctly
-  EXPECT_EQ(b->dropped_values, 5u + 2 * 7u);
-}
-
-TEST(CodecHostile, OutOfRangeSampleIndexIsDropped) {
-  for (int32_t index : {-1, 3000, 0x7FFFFFFF}) {
-    Record r;
-    std::vector<unsigned char> frame{29, static_cast<unsigned char>(index >> 24),
-                                     static_cast<unsigned char>(index >> 16),
-                                     static_cast<unsigned char>(index >> 8),
-                                     static_cast<unsigned char>(index)};
-    frame.resize(frame.size() + 28, 0x41);
-    EXPECT_EQ(decode(r.get(), frame), 33u) << index;
-    EXPECT_EQ(r->dropped_values, 7u);
-  }
-  Record no_samples;
-  no_samples->traj_samples = nullptr;
-  std::vector<unsigned char> frame(33, 0);
-  frame[0] = 29;
-  EXPECT_EQ(decode(no_samples.get(), frame), 33u);
 }
 
 TEST(CodecHostile, EncodingNeverWritesPastTheBuffer) {

@@ -17,10 +17,10 @@ namespace {
 // A plain UDP socket bound on loopback, standing in for the other side.
 struct RawSocket {
   int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  explicit RawSocket(int port) {
+  explicit RawSocket(int port, uint32_t address = INADDR_LOOPBACK) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_addr.s_addr = htonl(address);
     a.sin_port = htons(static_cast<uint16_t>(port));
     ok = bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
     timeval tv{2, 0};
@@ -116,7 +116,13 @@ TEST(ProtocolEnvelope, ReceiverChecksTheSumButNotTheMarkers) {
   peer.send_to(kLocal, lying);
   EXPECT_EQ(read_protocol(h, out, 1440), -1);
 
-  // Only capacity payload bytes are copied; the result is the datagram's size.
+  // Bytes after the declared payload and its checksum are never handed on.
+  auto padded = with_envelope({22, 0, 0, 0, 2});
+  padded.insert(padded.end(), {14, 0x3F, 0x80, 0, 0, 0x3F, 0x80, 0, 0, 0});
+  peer.send_to(kLocal, padded);
+  EXPECT_EQ(read_protocol(h, out, 1440), 5);
+
+  // Only capacity payload bytes are copied.
   peer.send_to(kLocal, with_envelope({1, 2, 3, 4, 5, 6, 7, 8}));
   unsigned char small[4] = {0, 0, 0, 0};
   EXPECT_EQ(read_protocol(h, small, 4), -1) << "an 8-byte frame does not fit a 4-byte read";
@@ -144,6 +150,36 @@ TEST(ProtocolSessions, TwoSessionsExchangeFramesBothWays) {
   EXPECT_EQ(errno, EMSGSIZE);
   EXPECT_EQ(close_protocol(a), 0);
   EXPECT_EQ(close_protocol(b), 0);
+}
+
+TEST(ProtocolSessions, OnlyTheControllersAddressAndFirstPortAreAccepted) {
+  RawSocket controller(kPeer);
+  RawSocket same_host(kPeer + 2);
+  RawSocket other_host(kPeer, 0x7F000002); // 127.0.0.2
+  ASSERT_TRUE(controller.ok && same_host.ok && other_host.ok);
+  const int h = open_protocol_udp("127.0.0.1", kLocal, kPeer);
+  ASSERT_GE(h, 0);
+  unsigned char out[1440];
+  const auto frame = with_envelope({22, 0, 0, 0, 1});
+  struct Step {
+    RawSocket *from;
+    int result;
+  };
+  const Step steps[] = {
+      {&other_host, -1}, // never the controller's address
+      {&controller, 5},  // the first frame fixes the controller's port
+      {&same_host, -1},  // the right address, another port
+      {&other_host, -1}, {&controller, 5},
+  };
+  for (const auto &step : steps) {
+    step.from->send_to(kLocal, frame);
+    errno = 0;
+    EXPECT_EQ(read_protocol(h, out, 1440), step.result);
+    if (step.result < 0) {
+      EXPECT_EQ(errno, EACCES);
+    }
+  }
+  EXPECT_EQ(close_protocol(h), 0);
 }
 
 TEST(ProtocolSessions, BadHandlesAndDescriptorsAreRefused) {

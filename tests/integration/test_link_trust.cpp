@@ -1,0 +1,96 @@
+// A stranger on the same host floods a live connection with well-formed state
+// frames (a pose, buttons, drive failures, a version reply, oversized counts)
+// from its own port: the application never reads any of it, the stream from
+// the controller goes on, and every such datagram is counted as foreign.
+#include "core_support.h"
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "protocol/proto_session.h"
+
+namespace {
+
+using namespace core_test;
+
+std::vector<unsigned char> spoofed_state_frame() {
+  auto r = std::make_unique<ExchangeRecord>();
+  std::memset(r.get(), 0, sizeof(ExchangeRecord));
+  r->control_point_count = 1;
+  const float pose[7] = {100.0f, 100.0f, 100.0f, 0.0f, 0.0f, 0.0f, 1.0f};
+  std::memcpy(r->position, pose, sizeof pose);
+  r->buttons = 0x7FFF;
+  r->failure = 0x5555;
+  r->controller_version[0] = 99;
+  r->controller_version[1] = 9;
+  for (int id : {14, 21, 22, 38})
+    r->field_changed[id] = 1;
+  unsigned char payload[kalo::kFrameCapacity];
+  const uint32_t n = encode_decode(kalo::kModeEncode, r.get(), payload, sizeof payload);
+  std::vector<unsigned char> datagram(n + kalo::kEnvelopeOverhead);
+  kalo::envelope_wrap(payload, n, datagram.data());
+  return datagram;
+}
+
+} // namespace
+
+TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
+  Link link(sim_config());
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  KaloContext *ctx = link.ctx;
+
+  const int stranger = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  to.sin_port = htons(link.local);
+  const std::vector<std::vector<unsigned char>> datagrams = {
+      spoofed_state_frame(),
+      {0xc3, 0x3c, 0x05, 0x00, 0x1e, 0x00, 0x00, 0x0b, 0xb8, 0x1b, 0xfe}, // item 30 = 3000
+      {0xc3, 0x3c, 0x05, 0x00, 0x34, 0x00, 0x00, 0x03, 0xe8, 0xdd, 0xfd}, // item 52 = 1000
+  };
+  std::atomic<bool> stop{false};
+  std::atomic<uint64_t> sent{0};
+  std::thread flood([&] {
+    while (!stop.load()) {
+      for (const auto &d : datagrams)
+        if (sendto(stranger, d.data(), d.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) >
+            0)
+          sent++;
+      std::this_thread::sleep_for(200us);
+    }
+  });
+
+  const uint32_t frames_before = ctx->frames_received;
+  int polls = 0;
+  int spoofed = 0;
+  const auto end = std::chrono::steady_clock::now() + 1s;
+  while (std::chrono::steady_clock::now() < end) {
+    {
+      kalo::ContextLock hold(ctx);
+      const ExchangeRecord &s = ctx->state_record;
+      spoofed += s.position[0] == 100.0f || s.buttons == 0x7FFF || s.failure == 0x5555 ||
+                 s.controller_version[0] == 99 || s.control_point_count != 1 ||
+                 s.traj_sample_count == 3000;
+    }
+    uint32_t failure = 0;
+    kaloGetFailure(ctx, &failure);
+    spoofed += failure == 0x5555;
+    ++polls;
+    std::this_thread::sleep_for(100us);
+  }
+  stop = true;
+  flood.join();
+  close(stranger);
+
+  EXPECT_EQ(spoofed, 0) << "of " << polls << " polls";
+  EXPECT_GT(ctx->frames_received - frames_before, 100u) << "the controller's stream went on";
+  EXPECT_TRUE(eventually([&] { return ctx->link_counters.frames_foreign.load() >= sent.load(); }))
+      << ctx->link_counters.frames_foreign.load() << " of " << sent.load() << " counted";
+  EXPECT_EQ(ctx->link_counters.items_rejected.load(), 0u);
+  int32_t major = 0, minor = 0;
+  EXPECT_EQ(kaloGetControlerVersion(ctx, &major, &minor), 0);
+  EXPECT_NE(major, 99);
+}
