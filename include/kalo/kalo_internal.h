@@ -97,29 +97,20 @@ typedef int (*kalo_close_fn)(int descriptor, struct sockaddr_in *peer, void *tab
 KALO_API int open_protocol(uint32_t type, int descriptor, kalo_read_fn read_fn,
                            kalo_write_fn write_fn, kalo_close_fn close_fn,
                            struct sockaddr_in *peer);
-<<<<<<< HEAD
 /**
  * @brief Receives one datagram, checks its envelope and copies its payload.
  *
- * Only the bytes the envelope declares are taken. Only the controller's datagrams reach the
- * session: those from another address or, once the first state frame has come, from another source
- * port are dropped and counted.
+ * Only the bytes the envelope declares are handed on. A datagram of a UDP
+ * session that came from another address than the controller's or, once a
+ * first frame has been accepted, from another port than that frame's is
+ * dropped unread.
  * @param[in] handle The session.
  * @param[out] bytes Receives the payload.
  * @param[in] capacity The room in bytes; a longer payload is cut.
- * @return The datagram's size minus the 6 bytes of the envelope, or -1 with
- *         errno EBADF (no such session), EFAULT (NULL buffer) or EPROTO (bad
- *         envelope or checksum).
+ * @return The payload length the envelope declares, or -1 with errno EBADF (no
+ *         such session), EFAULT (NULL buffer), EPROTO (wrong length or
+ *         checksum) or EACCES (foreign sender).
  */
-=======
-/* Receives one datagram, checks its envelope and copies its payload (at most
- * capacity bytes). Returns the payload length the envelope declares (the
- * datagram size minus 6 for a well-formed datagram; bytes beyond the declared
- * length are never handed on), or -1: EBADF, EFAULT, EPROTO for a wrong length
- * or checksum, EACCES for a datagram of a UDP session that came from another
- * address than the controller's or, once a first frame has been accepted,
- * from another port than that frame's (it is dropped unread). */
->>>>>>> ede70b7baaefde1471e424125cddc853149258c3
 KALO_API int read_protocol(int handle, void *bytes, int capacity);
 /**
  * @brief Wraps a payload in the envelope and sends it.
@@ -165,20 +156,18 @@ KALO_API void print_trame(void);
  *         nothing stays open on failure.
  */
 KALO_API int open_protocol_udp(const char *host, int local_port, int remote_port);
-<<<<<<< HEAD
 /**
  * @brief Receives one datagram on the socket (recvfrom()).
+ *
+ * The sender is not compared with the controller here: read_protocol() does
+ * that for its sessions.
  * @param[in] descriptor The socket.
  * @param[out] bytes Receives the datagram.
  * @param[in] capacity The room in bytes.
- * @param[out] peer The controller's address.
+ * @param[out] peer The sender's address.
  * @return The bytes received, or -1 with errno (EAGAIN when the receive
  *         time-out passed).
  */
-=======
-/* One recvfrom; the sender is not compared with the peer here (read_protocol
- * does that for its sessions). */
->>>>>>> ede70b7baaefde1471e424125cddc853149258c3
 KALO_API int read_udp(int descriptor, void *bytes, int capacity, struct sockaddr_in *peer);
 /**
  * @brief Sends one datagram to the controller (sendto()).
