@@ -24,9 +24,9 @@ status=0
 check() {
   local package="$1" what="$2"
   shift 2
-  local deb
-  deb="$(ls "$build"/packages/"${package}"_*.deb 2>/dev/null | head -n 1)"
-  if [ -z "$deb" ]; then
+  local debs=("$build"/packages/"${package}"_*.deb)
+  local deb="${debs[0]}"
+  if [ ! -f "$deb" ]; then
     echo "make-debs: no package $package" >&2
     status=1
     return
@@ -54,7 +54,7 @@ check libkalo-dev files '\./usr/include/kalo/kalo\.h' '\./usr/include/kalo/kalo_
 check libkalo-dev Depends "libkalo$major \(= $version-[0-9]+\)" 'libtirpc-dev'
 check kalo-tools files '\./usr/bin/kalo-sim' '\./usr/bin/kalo-monitor'
 check kalo-tools Depends "libkalo$major \(= $version-[0-9]+\)"
-if ls "$build"/packages/python3-kalo_*.deb >/dev/null 2>&1; then
+if compgen -G "$build/packages/python3-kalo_*.deb" >/dev/null; then
   check python3-kalo Depends "libkalo$major \(= $version-[0-9]+\)" 'python3-numpy'
 fi
 

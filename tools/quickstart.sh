@@ -15,7 +15,7 @@ fi
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKALO_BUILD_TESTS=OFF -DKALO_BUILD_BENCH=OFF \
   "${launcher[@]}" >/dev/null
 cmake --build build -j"$(nproc)"
-echo "built $(ls build/libkalo.so* | head -n 1)"
+echo "built build/libkalo.so"
 
 # The simulator stands in for the arm's controller: 1 kHz state frames, a
 # scripted hand moving the handle in a circle so that there is motion to see.

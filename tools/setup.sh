@@ -23,23 +23,23 @@ case "${1:-main}" in
     ;;
 esac
 
-missing=""
+missing=()
 for package in $wanted; do
   # Installed means "install ok installed", not merely known to dpkg.
   status="$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)"
-  [ "$status" = "install ok installed" ] || missing="$missing $package"
+  [ "$status" = "install ok installed" ] || missing+=("$package")
 done
-[ -z "$missing" ] && exit 0
+[ ${#missing[@]} -eq 0 ] && exit 0
 
 sudo_cmd=""
 if [ "$(id -u)" -ne 0 ]; then
   command -v sudo >/dev/null || {
-    echo "setup: missing packages:$missing; install them as root (no sudo here)" >&2
+    echo "setup: missing packages: ${missing[*]}; install them as root (no sudo here)" >&2
     exit 1
   }
   sudo_cmd="sudo"
 fi
-echo "setup: installing$missing"
+echo "setup: installing ${missing[*]}"
 $sudo_cmd apt-get update -qq
-$sudo_cmd env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >/dev/null
+$sudo_cmd env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 echo "setup: done"
