@@ -1,11 +1,21 @@
 #!/usr/bin/env bash
 # Builds kalo, starts the controller simulator on loopback and runs the
-# examples against it.
+# examples against it. It installs the Debian packages it needs first
+# (tools/setup.sh) and builds only what it runs: the library, the simulator,
+# the examples and the tools; tests and benchmarks are tools/test.sh's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j2
-echo "built $(ls build/libkalo.so*  | head -n 1)"
+bash tools/setup.sh main
+
+echo "quickstart: building the library, kalo-sim, the examples and the tools"
+launcher=()
+if command -v ccache >/dev/null; then
+  launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKALO_BUILD_TESTS=OFF -DKALO_BUILD_BENCH=OFF \
+  "${launcher[@]}" >/dev/null
+cmake --build build -j"$(nproc)"
+echo "built build/libkalo.so"
 
 # The simulator stands in for the arm's controller: 1 kHz state frames, a
 # scripted hand moving the handle in a circle so that there is motion to see.

@@ -15,11 +15,12 @@
 #include "kalo/kalo_math.h"
 #include "kalo/kalo_deplacement.h"
 #include "kalo/kalo_quaternion.h"
+#include "kalo/kalo_version.h"
 
 namespace {
 
-constexpr int32_t kApiMajor = 4;
-constexpr int32_t kApiMinor = 4;
+constexpr int32_t kApiMajor = KALO_VERSION_MAJOR;
+constexpr int32_t kApiMinor = KALO_VERSION_MINOR;
 constexpr int32_t kOldestMajorTold = 3; // controllers below this do not take our version
 constexpr double kDeviceIdMinimumVersion = 5.4;
 constexpr float kInitialControllerVersion = 2.6f;
