@@ -1,7 +1,7 @@
-"""A kalo-sim per test module and one connection to it, shared by the module's tests."""
+"""A kalo-sim per test module and one connection to it, shared by the module's tests;
+the frames a client sent, from a simulator's trace."""
 
 import pathlib
-import time
 
 import pytest
 
@@ -15,10 +15,8 @@ SIM_STATE = dict(adc=[0.5, 0.25, 2], inputs=5, analog=[1, 2, 3, 4, 5, 6, 7], but
 
 
 @pytest.fixture(scope="module")
-def sim(tmp_path_factory):
-    trace = tmp_path_factory.mktemp("sim") / "trace.csv"
-    with kalo.sim.Simulator(trace=str(trace), **SIM_STATE) as simulator:
-        simulator.trace = trace
+def sim():
+    with kalo.sim.Simulator(**SIM_STATE) as simulator:
         yield simulator
 
 
@@ -29,8 +27,8 @@ def arm(sim):
 
 
 def sent_fields(trace):
-    """id -> list of value lists, from every frame the client sent."""
-    time.sleep(0.05)  # the next state frames carry our answers; the trace thread writes them
+    """id -> list of value lists, from every frame the client sent (read it once
+    the simulator has stopped: it writes the trace in blocks)."""
     fields = {}
     for line in pathlib.Path(trace).read_text().splitlines():
         _stamp, direction, _note, items = (line.split(",", 3) + ["", "", ""])[:4]
