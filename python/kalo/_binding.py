@@ -48,8 +48,10 @@ class Param:
     def ctype(self):
         if self.kind == "s":
             return ctypes.c_char_p
-        if self.array or self.out or self.by_pointer:
+        if self.array:
             return ctypes.c_void_p
+        if self.out or self.by_pointer:
+            return ctypes.POINTER(_SCALARS[self.kind])
         return _SCALARS[self.kind]
 
     def c_text(self):
@@ -103,44 +105,26 @@ def make_method(c_name, signature, summary):
     inputs = [p for p in params if not p.out]
     outputs = [p for p in params if p.out]
     texture = c_name == "kaloSetTexture"
+    steps = [_output_step(p) if p.out else _input_step(p, c_name, texture) for p in params]
+    single = len(outputs) == 1
 
     def method(self, *args):
         if len(args) != len(inputs):
             names = ", ".join(p.name for p in inputs)
             raise TypeError(f"{name}({names}) takes {len(inputs)} arguments, {len(args)} given")
         given = iter(args)
-        c_args, keep, results = [], [], []
-        for p in params:
-            if p.out:
-                if p.array:
-                    shape = p.shape(self)
-                    buffer = np.zeros(p.room() or shape, dtype=np.float32)
-                    results.append(buffer[: int(np.prod(shape))].reshape(shape))
-                    c_args.append(buffer.ctypes.data)
-                else:
-                    buffer = _SCALARS[p.kind]()
-                    results.append(buffer)
-                    c_args.append(ctypes.addressof(buffer))
-                continue
-            value = next(given)
-            if p.kind == "s":
-                c_args.append(str(value).encode())
-            elif p.array:
-                array = as_floats(value, p.shape(self), p.name, c_name)
-                room = p.room() or (TEXTURE_ROOM * (p.cols or 1) if texture else None)
-                if room:
-                    array = _padded(array, room)
-                keep.append(array)
-                c_args.append(array.ctypes.data)
-            elif p.by_pointer:
-                box = ctypes.c_float(_number(value, p.name, c_name))
-                keep.append(box)
-                c_args.append(ctypes.addressof(box))
+        c_args, finish = [], []
+        for out, step in steps:
+            if out:
+                c_arg, result = step(self)
+                finish.append(result)
             else:
-                c_args.append(_number(value, p.name, c_name))
+                c_arg = step(self, next(given))
+            c_args.append(c_arg)
         self._call(function, c_name, *c_args)
-        values = [r if isinstance(r, np.ndarray) else r.value for r in results]
-        return values[0] if len(values) == 1 else (tuple(values) if values else None)
+        if single:
+            return finish[0]()
+        return tuple(result() for result in finish) if finish else None
 
     name = python_name(c_name)
     method.__name__ = method.__qualname__ = name
@@ -151,10 +135,53 @@ def make_method(c_name, signature, summary):
     return name, method
 
 
-def _padded(array, floats):
-    out = np.zeros(floats, dtype=np.float32)
-    out[: array.size] = array.ravel()
-    return out
+def _floats(count, cache={}):  # noqa: B006 (one ctypes array type per size)
+    kind = cache.get(count)
+    if kind is None:
+        kind = cache[count] = ctypes.c_float * count
+    return kind
+
+
+def _output_step(p):
+    """Makes the buffer an output parameter is written into, and the value it returns."""
+    if not p.array:
+        scalar = _SCALARS[p.kind]
+        def scalar_step(arm):
+            box = scalar()
+            return ctypes.byref(box), lambda: box.value
+
+        return True, scalar_step
+
+    def step(arm):
+        shape = p.shape(arm)
+        size = shape[0] * (shape[1] if len(shape) > 1 else 1)
+        buffer = _floats(p.room() or size)()
+        values = np.frombuffer(buffer, np.float32)
+        return buffer, lambda: (values[:size] if p.room() else values).reshape(shape)
+
+    return True, step
+
+
+def _input_step(p, c_name, texture):
+    """Checks an input parameter and turns it into what the C call takes."""
+    if p.kind == "s":
+        return False, lambda arm, value: str(value).encode()
+    if p.by_pointer:
+        return False, lambda arm, value: ctypes.byref(ctypes.c_float(_number(value, p.name, c_name)))
+    if not p.array:
+        return False, lambda arm, value: _number(value, p.name, c_name)
+    room = p.room() or (TEXTURE_ROOM * (p.cols or 1) if texture else None)
+
+    def step(arm, value):
+        shape = p.shape(arm)
+        if type(value) is np.ndarray and value.shape == shape and value.dtype.kind == "f":
+            flat = value.ravel().tolist()
+        else:
+            flat = as_floats(value, shape, p.name, c_name).ravel().tolist()
+        # a ctypes array fills what it is not given with zeros: the padding to room
+        return _floats(room or len(flat))(*flat)
+
+    return False, step
 
 
 def _number(value, name, c_name):

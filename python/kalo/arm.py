@@ -180,7 +180,7 @@ class Arm:
     def _count_axes(self):
         count = ctypes.c_uint32()
         self._call(lib.kaloGetNumberOfAxes, "kaloGetNumberOfAxes")
-        self._call(lib.kaloGetNbAxes, "kaloGetNbAxes", ctypes.addressof(count))
+        self._call(lib.kaloGetNbAxes, "kaloGetNbAxes", ctypes.byref(count))
         self.axes = min(count.value, _binding.AXIS_ROOM)
 
     def get_robot_number_of_control_points(self):
