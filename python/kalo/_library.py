@@ -1,9 +1,25 @@
 """Loading libkalo: KALO_LIBRARY when set, else the installed library by its SONAME."""
 
 import ctypes
+import glob
 import os
 
 SONAME = "libkalo.so.4"
+
+
+def _installed_beside():
+    """libkalo.so.4 in the lib directory this package was installed under
+    (<prefix>/lib/python3/dist-packages/kalo -> <prefix>/lib), found even
+    before ldconfig has seen it."""
+    here = os.path.dirname(os.path.abspath(__file__))
+    while os.path.dirname(here) != here:
+        here = os.path.dirname(here)
+        if os.path.basename(here).startswith("lib"):
+            for folder in [here] + sorted(glob.glob(os.path.join(here, "*-linux-gnu"))):
+                candidate = os.path.join(folder, SONAME)
+                if os.path.exists(candidate):
+                    return candidate
+    return None
 
 
 def _load():
@@ -11,6 +27,9 @@ def _load():
     try:
         return ctypes.CDLL(path)
     except OSError as error:
+        beside = None if os.environ.get("KALO_LIBRARY") else _installed_beside()
+        if beside:
+            return ctypes.CDLL(beside)
         where = (
             f"KALO_LIBRARY={path}"
             if os.environ.get("KALO_LIBRARY")
