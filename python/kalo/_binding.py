@@ -169,7 +169,7 @@ def _input_step(p, c_name, texture):
     if p.by_pointer:
         return False, lambda arm, value: ctypes.byref(ctypes.c_float(_number(value, p.name, c_name)))
     if not p.array:
-        return False, lambda arm, value: _number(value, p.name, c_name)
+        return False, lambda arm, value: _number(value, p.name, c_name, p.kind)
     room = p.room() or (TEXTURE_ROOM * (p.cols or 1) if texture else None)
 
     def step(arm, value):
@@ -184,10 +184,14 @@ def _input_step(p, c_name, texture):
     return False, step
 
 
-def _number(value, name, c_name):
-    if not isinstance(value, numbers.Real):
-        raise ValueError(f"{c_name}: {name} must be a number, not {type(value).__name__}")
-    return value
+def _number(value, name, c_name, kind="f"):
+    """value as the Python number ctypes takes for this kind; ValueError otherwise."""
+    if kind == "f" and isinstance(value, numbers.Real):
+        return float(value)
+    if kind != "f" and isinstance(value, numbers.Integral):
+        return int(value)
+    wanted = "a number" if kind == "f" else "an integer"
+    raise ValueError(f"{c_name}: {name} must be {wanted}, not {type(value).__name__}")
 
 
 def methods():

@@ -85,6 +85,7 @@ class Arm:
         self._lock = threading.Lock()
         self._callback = None
         self._loop_error = None
+        self._loop_thread = None
         self.samples = 0
         self.axes = 0
         self.points = 0
@@ -93,8 +94,12 @@ class Arm:
             raise error_for(last_global_error(), f"kaloOpen({url!r})")
         self._handle = handle
         self.url = url
-        self._count_points()
-        self._count_axes()
+        try:
+            self._count_points()
+            self._count_axes()
+        except BaseException:
+            self._close(raise_errors=False)
+            raise
 
     # ---- the connection ----------------------------------------------------
 
@@ -102,12 +107,12 @@ class Arm:
         return self
 
     def __exit__(self, kind, error, trace):
-        self._close(raise_loop_error=kind is None)
+        self._close(raise_errors=kind is None)
         return False
 
     def __del__(self):
         if getattr(self, "_handle", None):
-            self._close(raise_loop_error=False)
+            self._close(raise_errors=False)
 
     @property
     def closed(self):
@@ -117,19 +122,24 @@ class Arm:
     def close(self):
         """Stops the loop and closes the connection; raises a pending error of the loop function.
 
-        C: kaloClose(KaloContext *context)"""
-        self._close(raise_loop_error=True)
+        Not from the periodic function: it cannot wait for its own thread.
 
-    def _close(self, raise_loop_error):
+        C: kaloClose(KaloContext *context)"""
+        if threading.get_ident() == self._loop_thread:
+            raise RuntimeError("close() called from the periodic function: stop_loop() or raise instead")
+        self._close(raise_errors=True)
+
+    def _close(self, raise_errors):
+        """Closes once; with raise_errors, raises the loop function's pending
+        error, else a failed close (the connection had already failed)."""
         with self._lock:
             handle, self._handle = self._handle, None
-        if handle:
-            status = lib.kaloClose(handle)
-            self._callback = None
-            if status != 0 and self._loop_error is None:
-                raise error_for(last_global_error(), "kaloClose")
-        if raise_loop_error:
+        status = lib.kaloClose(handle) if handle else 0
+        self._callback = None
+        if raise_errors:
             self._raise_loop_error()
+            if status != 0:
+                raise error_for(last_global_error(), "kaloClose")
 
     def _raise_loop_error(self):
         error, self._loop_error = self._loop_error, None
@@ -244,6 +254,7 @@ class Arm:
         def trampoline(context, user_data):
             if self._loop_error is not None:
                 return
+            self._loop_thread = threading.get_ident()
             try:
                 function(self)
             except BaseException as error:  # noqa: BLE001 (handed to the caller's thread)
