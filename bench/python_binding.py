@@ -13,7 +13,6 @@ bench_call_cost) and the examples. Everything runs against kalo-sim on loopback.
 """
 
 import argparse
-import ctypes
 import os
 import re
 import subprocess

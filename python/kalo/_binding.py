@@ -1,6 +1,7 @@
 """Turns the rows of _calls.CALLS into ctypes declarations and Arm methods."""
 
 import ctypes
+import inspect
 import numbers
 import re
 
@@ -129,9 +130,12 @@ def make_method(c_name, signature, summary):
     name = python_name(c_name)
     method.__name__ = method.__qualname__ = name
     c_params = ", ".join(["KaloContext *context"] + [p.c_text() for p in params])
-    returns = ", ".join(p.name for p in outputs) or "None"
-    method.__doc__ = f"{summary}\n\nReturns {returns}.\n\nC: {c_name}({c_params})"
-    method.__text_signature__ = "($self, " + ", ".join(p.name for p in inputs) + ")"
+    returns = f"\n\nReturns {', '.join(p.name for p in outputs)}." if outputs else ""
+    method.__doc__ = f"{summary}{returns}\n\nC: {c_name}({c_params})"
+    positional = inspect.Parameter.POSITIONAL_ONLY
+    method.__signature__ = inspect.Signature(
+        [inspect.Parameter(n, positional) for n in ["self"] + [p.name for p in inputs]]
+    )
     return name, method
 
 
@@ -146,6 +150,7 @@ def _output_step(p):
     """Makes the buffer an output parameter is written into, and the value it returns."""
     if not p.array:
         scalar = _SCALARS[p.kind]
+
         def scalar_step(arm):
             box = scalar()
             return ctypes.byref(box), lambda: box.value
@@ -157,7 +162,7 @@ def _output_step(p):
         size = shape[0] * (shape[1] if len(shape) > 1 else 1)
         buffer = _floats(p.room() or size)()
         values = np.frombuffer(buffer, np.float32)
-        return buffer, lambda: (values[:size] if p.room() else values).reshape(shape)
+        return buffer, lambda: (values[:size].copy() if p.room() else values).reshape(shape)
 
     return True, step
 
