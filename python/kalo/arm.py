@@ -75,6 +75,11 @@ class Arm:
     call raises KaloError (or one of its subclasses) with the library's code
     and message. After close() every call raises KaloError (code 3).
 
+    .points is the control-point count the per-point calls work on (read at
+    open and by get_robot_number_of_control_points), .axes the axis count of
+    the joint calls (get_number_of_axes), .samples the count asked for by
+    vm_start_traj_sampling.
+
         with kalo.Arm("udpxdr://127.0.0.1#5000") as arm:
             arm.set_command_type(kalo.CommandType.FORCE)
             arm.set_force(np.zeros((arm.points, 6), np.float32))
@@ -89,11 +94,11 @@ class Arm:
         self.samples = 0
         self.axes = 0
         self.points = 0
+        self.url = url
         handle = lib.kaloOpen(str(url).encode())
         if not handle:
             raise error_for(last_global_error(), f"kaloOpen({url!r})")
         self._handle = handle
-        self.url = url
         try:
             self._count_points()
             self._count_axes()
@@ -102,6 +107,10 @@ class Arm:
             raise
 
     # ---- the connection ----------------------------------------------------
+
+    def __repr__(self):
+        state = "closed" if self.closed else f"points={self.points} axes={self.axes}"
+        return f"<kalo.Arm {self.url!r} {state}>"
 
     def __enter__(self):
         return self
@@ -237,13 +246,13 @@ class Arm:
 
         Python is not real-time. The function runs under the interpreter lock,
         so a garbage collection or any other busy Python thread delays it, and
-        each device call costs about 6 to 10 us from Python against under 1 us
-        from C. Measured with bench/python_binding.py against kalo-sim on a
-        shared, loaded 2-core machine, a 1 kHz coupling step came late (more
-        than 1.5 periods after the previous call) in 5.9, 9.8 and 7.0 % of its
-        calls in Python over three runs, against 8.1, 4.8 and 5.0 % for the
-        same step in C in the same runs: the machine's load dominates, and
-        Python adds its share on top. Keep the function short.
+        each device call costs 8 to 12 us from Python against about 1 us from
+        C. Measured with bench/python_binding.py against kalo-sim on a shared
+        2-core machine under heavy load, a 1 kHz coupling step came late (more
+        than 1.5 periods after the previous call) in 4.6 to 9.8 % of its calls
+        in Python over four runs, and in 4.8 to 8.1 % for the same step in C in
+        the same runs: the machine's load makes most of the lateness, and
+        Python's share is of the same order. Keep the function short.
 
         C: kaloSetPeriodicFunction(KaloContext *context, KaloPeriodicFunction
         function, float *period, void *user_data), kaloStartLoop(KaloContext *context)
