@@ -45,6 +45,10 @@ class Param:
         # rows is a number, or P (points), A (axes) or S (samples); cols a number or None
         self.rows = int(rows) if rows and rows.isdigit() else rows
         self.cols = int(cols) if cols else None
+        self.count = {"P": "points", "A": "axes", "S": "samples"}.get(self.rows)  # Arm attribute
+        # floats the C side may touch whatever the counts; None: exactly the shape
+        room_rows = {"A": AXIS_ROOM, "S": SAMPLE_ROOM}.get(self.rows)
+        self.room = room_rows * (self.cols or 1) if room_rows else None
 
     def ctype(self):
         if self.kind == "s":
@@ -60,7 +64,7 @@ class Param:
             return f"const char *{self.name}"
         const = "" if self.out else "const "
         if self.array:
-            dims = {"P": "points", "A": "axes", "S": "count"}.get(self.rows, self.rows)
+            dims = {"samples": "count"}.get(self.count, self.count or self.rows)
             size = f"{dims} x {self.cols}" if self.cols else str(dims)
             return f"{const}float {self.name}[{size}]"
         if self.out or self.by_pointer:
@@ -69,13 +73,8 @@ class Param:
 
     def shape(self, arm):
         """The numpy shape this parameter has on this connection."""
-        rows = {"P": arm.points, "A": arm.axes, "S": arm.samples}.get(self.rows, self.rows)
+        rows = getattr(arm, self.count) if self.count else self.rows
         return (rows,) if self.cols is None else (rows, self.cols)
-
-    def room(self):
-        """Floats the C side may touch whatever the counts: its fixed room."""
-        rows = {"A": AXIS_ROOM, "S": SAMPLE_ROOM}.get(self.rows)
-        return None if rows is None else rows * (self.cols or 1)
 
 
 def as_floats(value, shape, name, c_name):
@@ -160,9 +159,9 @@ def _output_step(p):
     def step(arm):
         shape = p.shape(arm)
         size = shape[0] * (shape[1] if len(shape) > 1 else 1)
-        buffer = _floats(p.room() or size)()
+        buffer = _floats(p.room or size)()
         values = np.frombuffer(buffer, np.float32)
-        return buffer, lambda: (values[:size].copy() if p.room() else values).reshape(shape)
+        return buffer, lambda: (values[:size].copy() if p.room else values).reshape(shape)
 
     return True, step
 
@@ -175,7 +174,7 @@ def _input_step(p, c_name, texture):
         return False, lambda arm, value: ctypes.byref(ctypes.c_float(_number(value, p.name, c_name)))
     if not p.array:
         return False, lambda arm, value: _number(value, p.name, c_name, p.kind)
-    room = p.room() or (TEXTURE_ROOM * (p.cols or 1) if texture else None)
+    room = p.room or (TEXTURE_ROOM * (p.cols or 1) if texture else None)
 
     def step(arm, value):
         shape = p.shape(arm)
