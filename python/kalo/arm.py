@@ -2,6 +2,7 @@
 
 import ctypes
 import enum
+import math
 import threading
 import time
 from typing import NamedTuple
@@ -305,7 +306,9 @@ class Frames:
     def __init__(self, arm, period, duration):
         if not period > 0:
             raise ValueError("frames: period must be above 0")
-        self.arm, self.period, self.duration = arm, float(period), duration
+        self.arm, self.period = arm, float(period)
+        # polls at 0, period, 2 period, ... while below duration
+        self.limit = None if duration is None else math.ceil(duration / self.period - 1e-9)
         self.count = self.late = 0
         self._start = None
 
@@ -313,13 +316,13 @@ class Frames:
         return self
 
     def __next__(self):
+        if self.limit is not None and self.count >= self.limit:
+            raise StopIteration
         now = time.monotonic()
         if self._start is None:
             self._start = now
         else:
             deadline = self._start + self.count * self.period
-            if self.duration is not None and deadline - self._start >= self.duration:
-                raise StopIteration
             if now < deadline:
                 time.sleep(deadline - now)
             elif now - deadline > 0.5 * self.period:
