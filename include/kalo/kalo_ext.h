@@ -48,7 +48,7 @@ typedef struct KaloExtLinkStatistics {
   double frame_rate_hz;             /**< state frames per second over `seconds` */
   double loss_ratio; /**< frames_lost / (frames_lost + distinct frames received), 0..1 */
   /** The controller's sending period, estimated from its time stamps (0 until
-   *  16 frames came, or when the controller sends no time stamp). A frame is
+   *  256 frames came, or when the controller sends no time stamp). A frame is
    *  lost when its time stamp (one period after the previous one) never
    *  arrives; a gap longer than the silence threshold is a silent period, not
    *  a loss. */

@@ -5,6 +5,7 @@
 // the exchange thread can keep them on its path.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 namespace kalo {
@@ -56,8 +57,8 @@ inline uint64_t histogram_quantile(const uint64_t *counts, double q, uint64_t ma
 // ---- Frame loss from the controller's time stamps.
 //
 // The controller stamps each state frame (microseconds, 32 bits) and sends
-// one per period. After 16 frames the period is taken as the median of the
-// steps between them; from then on every stamp is placed in a slot of that
+// one per period. After 256 frames the period is taken from the steps between
+// them (see calibrate); from then on every stamp is placed in a slot of that
 // period. A slot skipped by a newer frame is counted lost until a late frame
 // fills it (a reordered frame is late, not lost); a stamp already seen is a
 // duplicate. Placement follows the frames' own timing loosely, so that a
@@ -122,7 +123,7 @@ public:
   }
 
 private:
-  static constexpr int kCalibrationSteps = 16;
+  static constexpr int kCalibrationSteps = 256;
   static constexpr int kRecent = 64;
 
   bool seen_recently(uint32_t raw) const {
@@ -159,14 +160,17 @@ private:
     highest_set_ = true;
     if (steps_ < kCalibrationSteps)
       return;
-    // Insertion sort of 16 values: the median step is the period.
-    for (int i = 1; i < kCalibrationSteps; ++i)
-      for (int j = i; j > 0 && steps_us_[j] < steps_us_[j - 1]; --j) {
-        const uint32_t t = steps_us_[j];
-        steps_us_[j] = steps_us_[j - 1];
-        steps_us_[j - 1] = t;
-      }
-    period_us_ = steps_us_[kCalibrationSteps / 2] > 0 ? steps_us_[kCalibrationSteps / 2] : 1;
+    // A controller that fell behind catches up with frames a few
+    // microseconds apart, and lost frames leave steps of several periods: the
+    // period is the median of the steps once those of a burst (below a third
+    // of the upper quartile) are set aside.
+    uint32_t *begin = steps_us_;
+    uint32_t *end = steps_us_ + kCalibrationSteps;
+    std::sort(begin, end);
+    const uint32_t floor = begin[kCalibrationSteps * 3 / 4] / 3;
+    const uint32_t *first = std::lower_bound(begin, end, floor);
+    const uint32_t median = first[(end - first) / 2];
+    period_us_ = median > 0 ? median : 1;
     restart_at(highest_);
   }
   void restart_at(int64_t stamp) {
