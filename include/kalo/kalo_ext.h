@@ -99,7 +99,8 @@ KALO_API int32_t kaloExtResetLinkStatistics(KaloContext *context);
  *  x y z qx qy qz qw (pose), vx vy vz wx wy wz (speed), buttons, power,
  *  sent (1 when a command frame answered the state frame), fx fy fz mx my mz
  *  (force command), cmd_x ... cmd_qw (position command), cmd_vx ... cmd_wz
- *  (speed command), call_start_s and call_us (the latest call of the periodic
+ *  (speed command), cfx cfy cfz cmx cmy cmz (the coupling wrench computed by
+ *  the latest kaloGetForce, 0 before), call_start_s and call_us (the latest call of the periodic
  *  function, empty before the first), calls and late_calls (periodic calls
  *  and late ones since the start of the recording). Values are those of the
  *  first control point. The exchange thread only copies each row into a

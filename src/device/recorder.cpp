@@ -14,7 +14,7 @@ namespace {
 constexpr const char *kHeader =
     "time_s,frame,stamp_us,interarrival_us,x,y,z,qx,qy,qz,qw,vx,vy,vz,wx,wy,wz,buttons,power,"
     "sent,fx,fy,fz,mx,my,mz,cmd_x,cmd_y,cmd_z,cmd_qx,cmd_qy,cmd_qz,cmd_qw,cmd_vx,cmd_vy,cmd_vz,"
-    "cmd_wx,cmd_wy,cmd_wz,call_start_s,call_us,calls,late_calls\n";
+    "cmd_wx,cmd_wy,cmd_wz,cfx,cfy,cfz,cmx,cmy,cmz,call_start_s,call_us,calls,late_calls\n";
 
 // The writer wakes this often; the ring holds seconds of rows, so a slow disk
 // has ample time before a row is dropped.
@@ -123,6 +123,7 @@ void Recorder::write_row(const RecordRow &r) {
   put_floats(f, r.force, 6);
   put_floats(f, r.cmd_pose, 7);
   put_floats(f, r.cmd_speed, 6);
+  put_floats(f, r.coupling, 6);
   if (r.call_start_us != 0)
     std::fprintf(f, ",%.6f,%" PRIu64, seconds_between(start_us_, r.call_start_us), r.call_us);
   else

@@ -26,6 +26,7 @@ struct RecordRow {
   float pose[7];
   float speed[6];
   float force[6];
+  float coupling[6]; // wrench of the latest kaloGetForce
   float cmd_pose[7];
   float cmd_speed[6];
   uint64_t call_start_us; // 0: no call yet

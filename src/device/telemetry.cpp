@@ -48,6 +48,7 @@ void record_exchange(KaloContext *ctx, bool answered) {
   std::memcpy(row->pose, s.position, sizeof row->pose);
   std::memcpy(row->speed, s.speed, sizeof row->speed);
   std::memcpy(row->force, c.force, sizeof row->force);
+  std::memcpy(row->coupling, t.coupling_force, sizeof row->coupling);
   std::memcpy(row->cmd_pose, c.position, sizeof row->cmd_pose);
   std::memcpy(row->cmd_speed, c.speed, sizeof row->cmd_speed);
   row->call_start_us = t.call_start_us.load(std::memory_order_relaxed);
@@ -143,6 +144,10 @@ void telemetry_periodic_call(KaloContext *ctx, uint64_t start_us, uint64_t durat
   raise_to(t.longest_call_us, duration_us);
   t.call_duration_us.store(duration_us, std::memory_order_relaxed);
   t.call_start_us.store(start_us, std::memory_order_relaxed);
+}
+
+void telemetry_coupling_force(KaloContext *ctx, const float *wrench) {
+  std::memcpy(ctx->telemetry.coupling_force, wrench, sizeof ctx->telemetry.coupling_force);
 }
 
 double seconds_since_last_frame(KaloContext *ctx) {

@@ -57,6 +57,7 @@ struct Telemetry {
   std::atomic<uint64_t> call_start_us{0};
   std::atomic<uint64_t> call_duration_us{0};
 
+  float coupling_force[6] = {}; // the latest kaloGetForce; under the context lock
   // Exchange thread only.
   StampTracker stamps{kSilenceUs};
   bool frame_this_cycle = false;
@@ -100,6 +101,9 @@ void telemetry_cycle_end(KaloContext *ctx, bool answered);
 // One call of the periodic function ended.
 void telemetry_periodic_call(KaloContext *ctx, uint64_t start_us, uint64_t duration_us,
                              bool overran);
+// kaloGetForce computed the coupling wrench of the first control point (six
+// floats). Under the context lock.
+void telemetry_coupling_force(KaloContext *ctx, const float *wrench);
 // Seconds since the last state frame (since open when none came).
 double seconds_since_last_frame(KaloContext *ctx);
 // Stops a running recording; for the release of a context whose threads ended.
