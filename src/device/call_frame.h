@@ -11,9 +11,7 @@
 namespace kalo {
 
 // True when the handle points at a live context.
-inline bool is_live(const KaloContext *ctx) {
-  return ctx != nullptr && ctx->magic == kContextMagic;
-}
+inline bool is_live(const KaloContext *ctx) { return ctx != nullptr && ctx->magic == kContextMagic; }
 
 // The controller-version gate: the single-precision version, widened, must be
 // above the call's minimum. A null handle is left to the handle check.
