@@ -7,12 +7,18 @@
 // field on the library's side (as an application would), stamps the clock,
 // sends a typical state frame and waits for the answer that carries the
 // field's new value. p50 / p99 / max are reported as counters, in microseconds.
+//
+// The telemetry is always collected; its cost shows twice: the round trip is
+// also run with a session recording (second argument 1), and the telemetry
+// hooks of one exchange are timed alone (BM_TelemetryPerExchange), to be read
+// against the round trip's microseconds.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -25,6 +31,7 @@
 #include "device/call_frame.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
 #include "kalo/kalo_internal.h"
 #include "protocol/exchange_record.h"
 #include "protocol/proto_session.h"
@@ -218,6 +225,13 @@ void BM_ExchangeRoundTrip(benchmark::State &state) {
   }
   while (controller.receive_command()) {
   } // drain what the handshake left
+  const std::string recording = "/tmp/kalo-bench-recording-" + std::to_string(getpid()) + ".csv";
+  const bool recorded = state.range(1) != 0;
+  if (recorded && kaloExtStartRecording(ctx, recording.c_str()) != 0) {
+    kaloClose(ctx);
+    state.SkipWithError("cannot record");
+    return;
+  }
 
   std::vector<double> latencies;
   latencies.reserve(kFrames);
@@ -245,14 +259,39 @@ void BM_ExchangeRoundTrip(benchmark::State &state) {
       sleep_until_us(deadline);
     }
   }
+  if (recorded) {
+    state.counters["rows_dropped"] = kaloExtStopRecording(ctx);
+    std::remove(recording.c_str());
+  }
   kaloClose(ctx);
   report(state, latencies, lost);
 }
 BENCHMARK(BM_ExchangeRoundTrip)
-    ->Arg(1000)
-    ->Arg(10000)
+    ->ArgNames({"hz", "recording"})
+    ->Args({1000, 0})
+    ->Args({1000, 1})
+    ->Args({10000, 0})
+    ->Args({10000, 1})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
+
+// What the telemetry adds to one exchange: the hooks the exchange thread runs
+// for a state frame and at the end of its cycle (counters, loss detector,
+// histogram), on a context of its own with no link.
+void BM_TelemetryPerExchange(benchmark::State &state) {
+  auto *ctx = new KaloContext();
+  ctx->state_record.field_changed[1] = 1;
+  uint32_t stamp = 0;
+  for (auto _ : state) {
+    stamp += 1000;
+    ctx->state_record.time_stamp = static_cast<int32_t>(stamp);
+    kalo::telemetry_state_frame(ctx);
+    kalo::telemetry_cycle_end(ctx, true);
+  }
+  benchmark::DoNotOptimize(ctx->telemetry.counts[kalo::kStateFrames].load());
+  delete ctx;
+}
+BENCHMARK(BM_TelemetryPerExchange)->Unit(benchmark::kNanosecond);
 
 // Baseline: the same frame sizes bounced by a thread blocked in recvfrom on a
 // second socket, the physical floor of the loopback round trip.

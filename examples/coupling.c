@@ -6,10 +6,11 @@
  * speed back. Move the handle (kalo-sim's scripted hand does) and the object
  * follows; push it into the wall and the arm feels the wall.
  *
- *   coupling [URL [SECONDS]]   (default udpxdr://127.0.0.1#5000 for 5 s)
+ *   coupling [URL [SECONDS [RECORDING.csv]]]   (default udpxdr://127.0.0.1#5000 for 5 s)
  *
  * A status line shows the time, the handle's and the object's x, y, z, the
- * coupling force, and how many periodic calls came late.
+ * coupling force, and how many periodic calls came late. Given a file name,
+ * the session is also recorded there (kalo-plot draws it).
  */
 #define _POSIX_C_SOURCE 200112L
 #include <math.h>
@@ -19,11 +20,12 @@
 #include <time.h>
 
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
 
 #define PERIOD 0.001f
 #define OBJECT_MASS 0.2f
-#define MEDIUM_DAMPING 0.5 /* N s/m: the object slows down when let go */
-#define WALL_X 0.03        /* m */
+#define MEDIUM_DAMPING 0.5    /* N s/m: the object slows down when let go */
+#define WALL_X 0.03           /* m */
 #define WALL_STIFFNESS 2000.0 /* N/m */
 
 /* The virtual object and what the status line shows. The periodic function
@@ -99,6 +101,7 @@ static int fail(KaloContext *arm, const char *what) {
 int main(int argc, char **argv) {
   const char *url = argc > 1 ? argv[1] : "udpxdr://127.0.0.1#5000";
   double seconds = argc > 2 ? atof(argv[2]) : 5.0;
+  const char *recording = argc > 3 ? argv[3] : NULL;
   /* A small sphere's inertia: 2/5 m r^2 with r = 2 cm; only the diagonal counts. */
   const float i0 = 0.4f * OBJECT_MASS * 0.02f * 0.02f;
   const float inertia[9] = {i0, 0, 0, 0, i0, 0, 0, 0, i0};
@@ -112,7 +115,7 @@ int main(int argc, char **argv) {
   int k;
 
   if (!(seconds > 0)) {
-    fprintf(stderr, "usage: coupling [URL [SECONDS]]\n");
+    fprintf(stderr, "usage: coupling [URL [SECONDS [RECORDING.csv]]]\n");
     return 2;
   }
   pthread_mutex_init(&s.lock, NULL);
@@ -135,6 +138,8 @@ int main(int argc, char **argv) {
       kaloGetForce(arm, force) != 0)
     return fail(arm, "attaching the object");
 
+  if (recording != NULL && kaloExtStartRecording(arm, recording) != 0)
+    return fail(arm, "kaloExtStartRecording");
   if (kaloSetPeriodicFunction(arm, tick, &period, &s) != 0 || kaloStartLoop(arm) != 0)
     return fail(arm, "starting the periodic loop");
   printf("object of %.2f kg coupled to the arm, wall at x = %.3f m; running %.1f s\n",
@@ -155,6 +160,12 @@ int main(int argc, char **argv) {
   }
   printf("\n");
   kaloStopLoop(arm);
+  if (recording != NULL) {
+    int32_t dropped = kaloExtStopRecording(arm);
+    if (dropped < 0)
+      return fail(arm, "kaloExtStopRecording");
+    printf("session recorded in %s (%d rows dropped)\n", recording, (int)dropped);
+  }
 
   pthread_mutex_lock(&s.lock);
   failures = s.failures;

@@ -1,7 +1,8 @@
 /* kalo-monitor: shows the live state of an arm (pose, buttons, power, drive
- * failures, alarms) on one refreshing terminal screen until Ctrl-C, or a
- * single snapshot with --once. Written against the public C header only, so
- * it doubles as a check that kalo.h serves C programs.
+ * failures, alarms) and the health of the link (frame rate, loss, jitter,
+ * foreign datagrams, late periodic calls, the latest safety event) on one
+ * refreshing terminal screen until Ctrl-C, or a single snapshot with --once. Written against the
+ * public C header only, so it doubles as a check that kalo.h serves C programs.
  *
  *   kalo-monitor [--once] [--period SECONDS] URL
  *   URL: [udpxdr://]host[:local-port][#controller-port], e.g. 127.0.0.1#5000
@@ -16,6 +17,7 @@
 #include <unistd.h>
 
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
 
 static volatile sig_atomic_t stop_requested = 0;
 
@@ -45,6 +47,41 @@ static void print_bits(const char *label, uint32_t word, int count) {
   printf("%s\n", any ? "" : "none");
 }
 
+/* The link's health. The frame rate is measured between two screens (over
+ * the whole connection for the first one); the other figures since open. */
+static void print_link(KaloContext *ctx) {
+  static uint64_t previous_frames = 0;
+  static double previous_seconds = 0;
+  KaloExtLinkStatistics s;
+  KaloExtEvent events[1];
+  uint32_t count = 0;
+  double rate;
+
+  memset(&s, 0, sizeof s);
+  s.size = sizeof s;
+  if (kaloExtGetLinkStatistics(ctx, &s) != 0)
+    return;
+  rate = s.seconds > previous_seconds
+             ? (double)(s.state_frames_received - previous_frames) / (s.seconds - previous_seconds)
+             : 0.0;
+  previous_frames = s.state_frames_received;
+  previous_seconds = s.seconds;
+  printf("%-10s%.0f Hz   loss %.2f %% (%llu lost, %llu late, %llu duplicated)\n", "link", rate,
+         100.0 * s.loss_ratio, (unsigned long long)s.frames_lost, (unsigned long long)s.frames_late,
+         (unsigned long long)s.frames_duplicated);
+  printf("%-10sp50 %u us   p99 %u us   max %u us   silences %llu (longest %.3f s)\n", "jitter",
+         (unsigned)s.interarrival_p50_us, (unsigned)s.interarrival_p99_us,
+         (unsigned)s.interarrival_max_us, (unsigned long long)s.silent_periods,
+         (double)s.longest_silence_us * 1e-6);
+  printf("%-10sforeign %llu   malformed %llu   late calls %llu of %llu\n", "datagrams",
+         (unsigned long long)s.frames_foreign, (unsigned long long)s.frames_malformed,
+         (unsigned long long)s.late_calls, (unsigned long long)s.periodic_calls);
+  events[0].size = sizeof events[0];
+  if (kaloExtGetEvents(ctx, events, 1, &count) == 0 && count == 1)
+    printf("%-10s%s (%g against %g)\n", "event", kaloExtEventName(events[0].kind), events[0].value,
+           events[0].threshold);
+}
+
 /* One screen of state; 0, or -1 when the connection no longer answers. */
 static int print_snapshot(KaloContext *ctx, const char *url) {
   float pose[7];
@@ -72,6 +109,7 @@ static int print_snapshot(KaloContext *ctx, const char *url) {
   print_bits("failures", failure & 0xFFu, 8);
   printf("%-10s0x%08x   bounds 0x%04x   shift position %s\n", "alarms", (unsigned)alarm,
          (unsigned)bounds, shift ? "yes" : "no");
+  print_link(ctx);
   fflush(stdout);
   return 0;
 }

@@ -37,8 +37,19 @@ fi
 
 # ---- the example against the simulator ----
 build/examples/first_contact "udpxdr://127.0.0.1#$port"
-build/examples/coupling "udpxdr://127.0.0.1#$port" 5
+build/examples/coupling "udpxdr://127.0.0.1#$port" 5 build/coupling-session.csv
 # ---- end of the example ----
 stop_sim
 trap - EXIT
 echo "kalo-sim stopped cleanly"
+
+# The coupling session as a picture: the handle held at the virtual wall, the
+# force it felt, and how regularly the frames came.
+if /usr/bin/python3 -c "import matplotlib" 2>/dev/null; then
+  plot=$(/usr/bin/python3 tools/kalo-plot build/coupling-session.csv build/coupling-session.png \
+    --title "coupling example against kalo-sim")
+  echo "plot of the coupling session: $(pwd)/$plot"
+else
+  echo "session recorded in $(pwd)/build/coupling-session.csv;" \
+    "install python3-matplotlib and run tools/kalo-plot on it for a picture"
+fi

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "device/context.h"
+#include "device/events.h"
 #include "kalo/kalo.h"
 
 namespace kalo {
@@ -92,8 +93,14 @@ inline bool all_finite(const float *v, int n) {
 
 // A non-finite set-point must never reach the arm: the connection is closed
 // (the caller must not hold the lock) and, the context being gone, code 9 is
-// reported in kaloGlobalError.
-inline int reject_non_finite(KaloContext *ctx) {
+// reported in kaloGlobalError. The offending value of v[0..n) is kept as an
+// event, readable after the close.
+inline int reject_non_finite(KaloContext *ctx, const float *v, int n) {
+  int k = 0;
+  while (k + 1 < n && all_finite(v + k, 1))
+    ++k;
+  kalo::record_event(ctx, KALO_EXT_EVENT_NON_FINITE_SET_POINT, static_cast<double>(v[k]),
+                     3.4028234663852886e38);
   kaloClose(ctx);
   kaloGlobalError = KALO_ERROR_INCORRECT_VALUE;
   return -1;
@@ -112,7 +119,7 @@ int each_set_point(KaloContext *ctx, const float *values, int stride, int32_t po
   for (int32_t i = 0; i < points; ++i) {
     const float *entry = values + stride * i;
     if (!all_finite(entry, stride))
-      return reject_non_finite(ctx);
+      return reject_non_finite(ctx, entry, stride);
     int code;
     {
       ContextLock hold(ctx);

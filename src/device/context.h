@@ -17,6 +17,7 @@
 #include "kalo/kalo_quaternion.h"
 #include "protocol/exchange_record.h"
 #include "protocol/link_counters.h"
+#include "device/telemetry.h"
 
 struct ServoPoint; // per-control-point servo state (device/servo_point.h)
 struct TSIG_FILTRE;
@@ -102,6 +103,7 @@ struct KaloContext {
   uint64_t frames_sent;
   uint64_t frames_received;
   kalo::LinkCounters link_counters; // what the link saw since open
+  kalo::Telemetry telemetry;        // frames, timing, loop calls, recording (device/telemetry.h)
 
   // ---- per-control-point arrays, allocated after connecting for
   // point_array_count points (the controller's count, at least 1, bounded)

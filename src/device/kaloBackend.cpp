@@ -17,6 +17,7 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
+#include "device/events.h"
 #include "device/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
@@ -175,6 +176,7 @@ void *_backendThread(void *context) {
         ctx->frames_received++;
         ctx->watchdog_counter++;
         ctx->frame_received = 1;
+        kalo::telemetry_state_frame(ctx);
       }
       tick_loop(ctx);
       ContextLock hold(ctx);
@@ -189,17 +191,20 @@ void *_backendThread(void *context) {
     {
       ContextLock hold(ctx);
       ExchangeRecord &cmd = ctx->command_record;
+      SendResult sent = SendResult::dropped;
       if (cmd.send_request != 0) {
         if (cmd.field_changed[kRequestField] != 0)
           pending_request = cmd.request;
-        const SendResult sent = send_marked_fields(ctx, frame);
+        sent = send_marked_fields(ctx, frame);
         ctx->frames_sent++;
-        if (sent == SendResult::failed) {
-          // The link is gone: report it to the application's next call and end.
-          ctx->error_code = KALO_ERROR_COMMUNICATION;
-          ctx->connected = 0;
-          break;
-        }
+      }
+      kalo::telemetry_cycle_end(ctx, sent == SendResult::sent);
+      if (sent == SendResult::failed) {
+        // The link is gone: report it to the application's next call and end.
+        kalo::record_event(ctx, KALO_EXT_EVENT_SEND_FAILED, errno, 0);
+        ctx->error_code = KALO_ERROR_COMMUNICATION;
+        ctx->connected = 0;
+        break;
       }
     }
     if (ctx->backend_stop.load() != 0)
@@ -228,6 +233,8 @@ void *_watchdogCtlThread(void *context) {
       } else if (ctx->control_connection_disabled == 0) {
         ctx->connected = 0;
         stalled = true;
+        kalo::record_event(ctx, KALO_EXT_EVENT_WATCHDOG, kalo::seconds_since_last_frame(ctx),
+                           static_cast<double>(period));
       }
       previous = counter;
       period = ctx->watchdog_period;

@@ -54,6 +54,7 @@ namespace kalo {
 void release_context(KaloContext *ctx) {
   if (ctx == nullptr)
     return;
+  telemetry_release(ctx); // a running recording ends with the connection
   destroy_matrix(ctx->work_matrix4);
   destroy_matrix(ctx->work_matrix3);
   VECT3_detruire(ctx->work_vect3);

@@ -202,7 +202,7 @@ int32_t kaloAddForce(KaloContext *context, const float *force) {
     return -1;
   }
   if (!kalo::all_finite(force, 6))
-    return kalo::reject_non_finite(context);
+    return kalo::reject_non_finite(context, force, 6);
   kalo::ContextLock hold(context);
   std::memcpy(context->command_record.added_force, force, sizeof(float) * 6);
   kalo::post_field(context->command_record, 80);

@@ -11,6 +11,7 @@
 
 #include "device/context.h"
 #include "device/depl_copy.h"
+#include "device/events.h"
 #include "device/servo_point.h"
 #include "kalo/kalo_internal.h"
 
@@ -61,6 +62,13 @@ void print(const KaloContext *ctx, const char *text) {
 void print_vector(const KaloContext *ctx, const VECT3 *v) {
   if (ctx->output_stream != nullptr)
     std::fprintf(ctx->output_stream, "=> %lf, %lf %lf\n", v[0], v[1], v[2]);
+}
+
+// An excess begins: kept as an event, so that the application can tell why
+// its commands were refused.
+void note_excess(KaloContext *ctx, const EnergyTrack &t, double peak) {
+  if (t.en_depassement == 0)
+    kalo::record_event(ctx, KALO_EXT_EVENT_ENERGY_GUARD, peak, t.E_max);
 }
 
 void end_excess(const KaloContext *ctx, EnergyTrack &t, const char *text) {
@@ -135,6 +143,7 @@ int32_t control_ener_cine_position(KaloContext *ctx, const float *pose, int32_t 
     if (std::fabs(pic_t) > DBL_MAX) {
       if (tt.en_depassement == 0)
         print(ctx, "---- depassement Ec (position en translation): explosion numerique ----\n");
+      note_excess(ctx, tt, pic_t);
       tt.en_depassement = 1;
       return -1;
     }
@@ -150,6 +159,7 @@ int32_t control_ener_cine_position(KaloContext *ctx, const float *pose, int32_t 
         print(ctx, "---- depassement Ec (position en translation) ----\n");
         print_vector(ctx, p.ec_vit_lin);
       }
+      note_excess(ctx, tt, pic_t);
       tt.en_depassement = 1;
       return -1;
     }
@@ -164,6 +174,7 @@ int32_t control_ener_cine_position(KaloContext *ctx, const float *pose, int32_t 
     if (std::fabs(pic_r) > DBL_MAX) {
       if (tr.en_depassement == 0)
         print(ctx, "---- depassement Ec (position en rotation): explosion numerique ----\n");
+      note_excess(ctx, tr, pic_r);
       tr.en_depassement = 1;
       return -1;
     }
@@ -181,6 +192,7 @@ int32_t control_ener_cine_position(KaloContext *ctx, const float *pose, int32_t 
         print(ctx, "---- depassement Ec (rotation) ----\n");
         print_vector(ctx, p.ec_vit_rot);
       }
+      note_excess(ctx, tr, pic_r);
       tr.en_depassement = 1;
       return -1;
     }
@@ -225,6 +237,7 @@ int32_t control_ener_cine_vitesse(KaloContext *ctx, const float *speed, int32_t 
       std::fprintf(ctx->output_stream, "=> %.3f, %.3f %.3f | %.3f/%.3f\n", v[0], v[1], v[2], pic_t,
                    tt.E_max);
     }
+    note_excess(ctx, tt, pic_t);
     tt.en_depassement = 1;
     tt.limitation = 1;
     return -1;
@@ -240,6 +253,7 @@ int32_t control_ener_cine_vitesse(KaloContext *ctx, const float *speed, int32_t 
       print(ctx, "---- depassement Ec (vitesse de rotation) ----\n");
       print_vector(ctx, w);
     }
+    note_excess(ctx, tr, pic_r);
     tr.en_depassement = 1;
     tr.limitation = 1;
     return -1;

@@ -198,6 +198,7 @@ void *_kaloLoop(void *context) {
     } else {
       ctx->loop_overrun = 0;
     }
+    kalo::telemetry_periodic_call(ctx, start, duration, ctx->loop_overrun.load() != 0);
   }
   TR_poster_semaphore(ctx->loop_exited); // last access to the context
   return nullptr;

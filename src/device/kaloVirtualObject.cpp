@@ -214,6 +214,8 @@ int32_t kaloGetForce(KaloContext *context, float *force) {
     calcul_asserv(context, i);
     copie_force(context, force + 6 * i, i);
   }
+  if (points > 0)
+    kalo::telemetry_coupling_force(context, force);
   return 0;
 }
 

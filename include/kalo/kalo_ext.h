@@ -1,0 +1,174 @@
+/* kalo extensions: what the link is doing. Telemetry of one connection, the
+ * recording of a session to a CSV file, and the events of the safety actions
+ * the library takes on its own. None of these calls changes the behaviour of
+ * the device calls of kalo.h; all of them may be called from any thread,
+ * including the periodic function.
+ *
+ * Records passed to these calls begin with a `size` member: set it to
+ * sizeof the record as your program knows it. The library fills at most that
+ * many bytes and writes back how many it filled, so that a program built
+ * against an older, shorter record keeps working with a newer library. */
+#ifndef KALO_EXT_H
+#define KALO_EXT_H
+
+#include <stdint.h>
+
+#include "kalo.h"
+
+KALO_BEGIN_DECLS
+
+/* ---- Link telemetry ------------------------------------------------------ */
+
+/** Bins of the inter-arrival histogram. Bins 0 to 7 are 8 us wide (0-63 us);
+ *  above 64 us each doubling of the time is split into 8 equal bins, so a bin
+ *  is at most 12.5 % wider than its lower bound; the last bin also holds every
+ *  time of 2^24 us (16.8 s) or more. */
+#define KALO_EXT_HISTOGRAM_BINS 152
+
+/** What one connection's link saw since it was opened or since the last
+ *  kaloExtResetLinkStatistics. Counts are read without stopping the exchange,
+ *  so two members may come from two consecutive frames. Times in
+ *  microseconds unless the name says otherwise. */
+typedef struct KaloExtLinkStatistics {
+  uint32_t size;       /**< in: sizeof(KaloExtLinkStatistics); out: bytes filled */
+  uint32_t version;    /**< out: 1 */
+  uint64_t connection; /**< number of this connection in the process (1, 2, ...); events carry it */
+  double seconds;      /**< time covered: since open or the last reset */
+
+  uint64_t state_frames_received; /**< state frames decoded (duplicates included) */
+  uint64_t command_frames_sent;   /**< command frames sent */
+  uint64_t frames_lost;           /**< controller time stamps never received (see below) */
+  uint64_t frames_duplicated;     /**< a time stamp received again */
+  uint64_t frames_late;      /**< arrived after a later frame (counted as received, not lost) */
+  uint64_t frames_malformed; /**< bad envelope, checksum or item stream */
+  uint64_t frames_foreign;   /**< datagrams from a sender other than the controller */
+  uint64_t frames_dropped_for_size; /**< command frames too large to send */
+  uint64_t items_rejected;          /**< items whose counts did not fit, skipped */
+  uint64_t hellos_resent;           /**< hellos sent again after a silence */
+  double frame_rate_hz;             /**< state frames per second over `seconds` */
+  double loss_ratio; /**< frames_lost / (frames_lost + distinct frames received), 0..1 */
+  /** The controller's sending period, estimated from its time stamps (0 until
+   *  256 frames came, or when the controller sends no time stamp). A frame is
+   *  lost when its time stamp (one period after the previous one) never
+   *  arrives; a gap longer than the silence threshold is a silent period, not
+   *  a loss. */
+  uint32_t controller_period_us;
+
+  uint32_t interarrival_p50_us; /**< median time between two state frames */
+  uint32_t interarrival_p99_us; /**< 99th percentile, from the histogram */
+  uint32_t interarrival_max_us;
+  uint64_t interarrival_histogram[KALO_EXT_HISTOGRAM_BINS]; /**< counts per bin */
+  uint32_t histogram_lower_us[KALO_EXT_HISTOGRAM_BINS];     /**< lower bound of each bin */
+
+  uint64_t periodic_calls; /**< calls of the periodic function */
+  uint64_t late_calls; /**< calls that began more than 1.5 loop periods after the previous one */
+  uint64_t overruns;   /**< calls that lasted 1 ms or more beyond the time step */
+  uint32_t longest_call_us; /**< longest call of the periodic function */
+
+  uint32_t silence_threshold_us; /**< a wait this long for a state frame is a silence: 100000 */
+  uint64_t silent_periods;       /**< silences, the one going on included */
+  uint64_t longest_silence_us;   /**< longest silence, the one going on included */
+
+  uint32_t recording; /**< 1 while a recording runs */
+  uint32_t reserved;
+  uint64_t recording_rows;         /**< rows written by the current or last recording */
+  uint64_t recording_rows_dropped; /**< rows lost because the writer fell behind */
+} KaloExtLinkStatistics;
+
+/** Reads the telemetry of a connection. Works on a connection that failed
+ *  (the figures then say why), without waiting for the exchange.
+ *  @param context the connection.
+ *  @param stats   filled; set stats->size first.
+ *  @return 0, or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError for a bad
+ *          handle; KALO_ERROR_INCORRECT_VALUE for a NULL stats or a size
+ *          below 8. */
+KALO_API int32_t kaloExtGetLinkStatistics(KaloContext *context, KaloExtLinkStatistics *stats);
+
+/** Starts the telemetry afresh: counts, histogram, maxima and the time
+ *  covered. The frame loss detector keeps its estimate of the period.
+ *  @param context the connection.
+ *  @return 0, or -1 with KALO_ERROR_INVALID_CONTEXT in kaloGlobalError. */
+KALO_API int32_t kaloExtResetLinkStatistics(KaloContext *context);
+
+/* ---- Session recording --------------------------------------------------- */
+
+/** Records every exchange of the connection to a CSV file: one row per state
+ *  frame received, after a header line naming the columns:
+ *  time_s (arrival, since the start of the recording), frame (state frames
+ *  since open), stamp_us (the controller's time stamp), interarrival_us,
+ *  x y z qx qy qz qw (pose), vx vy vz wx wy wz (speed), buttons, power,
+ *  sent (1 when a command frame answered the state frame), fx fy fz mx my mz
+ *  (force command), cmd_x ... cmd_qw (position command), cmd_vx ... cmd_wz
+ *  (speed command), cfx cfy cfz cmx cmy cmz (the coupling wrench computed by
+ *  the latest kaloGetForce, 0 before), call_start_s and call_us (the latest call of the periodic
+ *  function, empty before the first), calls and late_calls (periodic calls
+ *  and late ones since the start of the recording). Values are those of the
+ *  first control point. The exchange thread only copies each row into a
+ *  buffer; a thread of the recording writes the file, and rows that find the
+ *  buffer full are counted as dropped, never waited for.
+ *  @param context the connection.
+ *  @param path    the file to create (replaced when it exists).
+ *  @return 0, or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError;
+ *          KALO_ERROR_COMMUNICATION when the connection failed;
+ *          KALO_ERROR_INCORRECT_VALUE for a NULL path, a file that cannot be
+ *          created, or a recording already running; KALO_ERROR_OUT_OF_MEMORY. */
+KALO_API int32_t kaloExtStartRecording(KaloContext *context, const char *path);
+
+/** Stops the recording, writes the rows still buffered and closes the file.
+ *  kaloClose stops a running recording too.
+ *  @param context the connection.
+ *  @return the number of rows dropped (0 when the file holds every exchange),
+ *          or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError;
+ *          KALO_ERROR_INCORRECT_VALUE when no recording runs. */
+KALO_API int32_t kaloExtStopRecording(KaloContext *context);
+
+/* ---- Events of the safety actions ----------------------------------------- */
+
+/** The energy guard refused a command: value is the kinetic energy's peak (J),
+ *  threshold the energy at the device's maximum speed. */
+#define KALO_EXT_EVENT_ENERGY_GUARD 1
+/** A non-finite Cartesian set-point closed the connection: value is the
+ *  offending number (NaN or infinite), threshold the largest finite float. */
+#define KALO_EXT_EVENT_NON_FINITE_SET_POINT 2
+/** The watchdog found no frame for one period and dropped the link: value is
+ *  the time since the last state frame (s), threshold the period (s). */
+#define KALO_EXT_EVENT_WATCHDOG 3
+/** A datagram from a sender other than the controller was dropped: value is
+ *  the sender's port, threshold the controller's port. At most one a second. */
+#define KALO_EXT_EVENT_FOREIGN_DATAGRAM 4
+/** A command frame could not be sent; the link is dropped: value is errno. */
+#define KALO_EXT_EVENT_SEND_FAILED 5
+
+/** One safety action. */
+typedef struct KaloExtEvent {
+  uint32_t size;       /**< see kaloExtGetEvents */
+  uint32_t kind;       /**< KALO_EXT_EVENT_* */
+  uint64_t connection; /**< the connection's number (KaloExtLinkStatistics.connection) */
+  double time;         /**< seconds of the monotonic clock (CLOCK_MONOTONIC) */
+  double value;        /**< the measured value, as the kind says */
+  double threshold;    /**< the limit it was held against */
+} KaloExtEvent;
+
+/** Reads the most recent events, oldest first. The library keeps the last 256
+ *  events of the process, so the events of a connection stay readable after
+ *  it was closed (a non-finite set-point closes it): pass NULL as context to
+ *  read the events of every connection.
+ *  @param context the connection, or NULL for all.
+ *  @param events  an array of max records; set events[0].size to
+ *                 sizeof(KaloExtEvent): it gives the stride of the array.
+ *  @param max     room of the array.
+ *  @param count   receives the number of records filled.
+ *  @return 0, or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError for a
+ *          handle that is not a live context; KALO_ERROR_INCORRECT_VALUE (in
+ *          the context, or in kaloGlobalError for NULL) for a NULL count, a
+ *          NULL events with max above 0, or a size below 8. */
+KALO_API int32_t kaloExtGetEvents(KaloContext *context, KaloExtEvent *events, uint32_t max,
+                                  uint32_t *count);
+
+/** A short English name of an event kind ("energy guard", ...), "unknown" for
+ *  others. Never NULL. */
+KALO_API const char *kaloExtEventName(uint32_t kind);
+
+KALO_END_DECLS
+
+#endif
