@@ -68,7 +68,7 @@ void record_event(KaloContext *ctx, uint32_t kind, double value, double threshol
   s.sequence.store(2 * index + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   s.kind.store(kind, std::memory_order_relaxed);
-  s.connection.store(ctx->telemetry.connection, std::memory_order_relaxed);
+  s.connection.store(connection_number(ctx->telemetry), std::memory_order_relaxed);
   s.time_us.store(now, std::memory_order_relaxed);
   s.value.store(value, std::memory_order_relaxed);
   s.threshold.store(threshold, std::memory_order_relaxed);
@@ -94,7 +94,7 @@ int32_t kaloExtGetEvents(KaloContext *context, KaloExtEvent *events, uint32_t ma
   if (stride < 8)
     return fail(context, KALO_ERROR_INCORRECT_VALUE);
   const uint32_t filled = stride < sizeof(KaloExtEvent) ? stride : sizeof(KaloExtEvent);
-  const uint64_t wanted = context != nullptr ? context->telemetry.connection : 0;
+  const uint64_t wanted = context != nullptr ? kalo::connection_number(context->telemetry) : 0;
 
   // Newest first into the caller's array, then reversed: the most recent
   // `max` matching events, oldest first.

@@ -73,19 +73,18 @@ void stop_recording(Telemetry &t) {
 
 } // namespace
 
-uint64_t monotonic_us() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+uint64_t connection_number(Telemetry &t) {
+  uint64_t n = t.connection.load(std::memory_order_relaxed);
+  if (n != 0)
+    return n;
+  const uint64_t fresh = g_connections.fetch_add(1, std::memory_order_relaxed) + 1;
+  return t.connection.compare_exchange_strong(n, fresh) ? fresh : n;
 }
-
-Telemetry::Telemetry()
-    : connection(g_connections.fetch_add(1, std::memory_order_relaxed) + 1),
-      since_us(monotonic_us()) {}
 
 void telemetry_state_frame(KaloContext *ctx) {
   Telemetry &t = ctx->telemetry;
   const uint64_t now = monotonic_us();
+  connection_number(t);
   bump(t.counts[kStateFrames]);
   t.frame_this_cycle = true;
 
@@ -190,7 +189,7 @@ void fill(KaloContext *ctx, KaloExtLinkStatistics *s) {
     link[k] = kalo::since(link_value(ctx, k), t.link_baseline[k]);
 
   s->version = 1;
-  s->connection = t.connection;
+  s->connection = kalo::connection_number(t);
   const uint64_t since_us = t.since_us.load(std::memory_order_relaxed);
   s->seconds = static_cast<double>(now - since_us) * 1e-6;
   s->state_frames_received = c[kalo::kStateFrames];

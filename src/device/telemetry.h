@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <time.h>
 
 #include "device/frame_timing.h"
 
@@ -23,7 +24,11 @@ class Recorder;
 constexpr uint32_t kSilenceUs = 100000;
 
 // The monotonic clock in microseconds (the clock of getTime).
-uint64_t monotonic_us();
+inline uint64_t monotonic_us() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+}
 
 // Counts that only grow; a reset moves the readers' baseline.
 enum Count {
@@ -42,9 +47,9 @@ enum Count {
 };
 
 struct Telemetry {
-  Telemetry();
+  Telemetry() : since_us(monotonic_us()) {}
 
-  const uint64_t connection; // 1, 2, ... in the order of opening
+  std::atomic<uint64_t> connection{0}; // see connection_number
   std::atomic<uint64_t> counts[kCountKinds] = {};
   std::atomic<uint64_t> histogram[kHistogramBins] = {};
   std::atomic<uint64_t> interarrival_max_us{0};
@@ -91,6 +96,9 @@ inline void raise_to(std::atomic<uint64_t> &c, uint64_t v) {
   if (v > c.load(std::memory_order_relaxed))
     c.store(v, std::memory_order_relaxed);
 }
+
+// The connection's number in the process (1, 2, ...), given on first use.
+uint64_t connection_number(Telemetry &t);
 
 // ---- hooks of the exchange thread and the loop
 // A state frame was decoded into the state record. Under the context lock.

