@@ -49,7 +49,9 @@ Eigen::Quaterniond quat_of(const float *pose) {
   return Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).normalized();
 }
 
-Eigen::Vector3d trans_of(const float *pose) { return Eigen::Vector3d(pose[0], pose[1], pose[2]); }
+Eigen::Vector3d trans_of(const float *pose) {
+  return Eigen::Vector3d(pose[0], pose[1], pose[2]);
+}
 
 } // namespace
 
@@ -82,10 +84,12 @@ TEST(ServoPose, AgreementToleranceInTranslationAndRotation) {
   ecriture_position(ctx, far, 0);
   EXPECT_EQ(erreur_position(ctx, 0), -1);
   float turned[7];
-  make_pose(Eigen::Vector3d::Zero(), Eigen::Quaterniond(Eigen::AngleAxisd(0.03, Eigen::Vector3d::UnitZ())), turned);
+  make_pose(Eigen::Vector3d::Zero(),
+            Eigen::Quaterniond(Eigen::AngleAxisd(0.03, Eigen::Vector3d::UnitZ())), turned);
   ecriture_position(ctx, turned, 0); // vector part sin(0.015) < 0.02
   EXPECT_EQ(erreur_position(ctx, 0), 0);
-  make_pose(Eigen::Vector3d::Zero(), Eigen::Quaterniond(Eigen::AngleAxisd(0.05, Eigen::Vector3d::UnitZ())), turned);
+  make_pose(Eigen::Vector3d::Zero(),
+            Eigen::Quaterniond(Eigen::AngleAxisd(0.05, Eigen::Vector3d::UnitZ())), turned);
   ecriture_position(ctx, turned, 0); // sin(0.025) > 0.02
   EXPECT_EQ(erreur_position(ctx, 0), -1);
 }
@@ -105,7 +109,8 @@ TEST(ServoCycle, EqualPosesAndSpeedsGiveNoWrench) {
   KaloContext *ctx = s.get();
   set_gains(ctx, {1000, 2000, 3000, 10, 20, 30}, {5, 6, 7, 0.1f, 0.2f, 0.3f});
   float p[7];
-  make_pose(Eigen::Vector3d(0.3, -0.2, 0.1), Eigen::Quaterniond(Eigen::AngleAxisd(0.8, Eigen::Vector3d(1, 2, 3).normalized())), p);
+  make_pose(Eigen::Vector3d(0.3, -0.2, 0.1),
+            Eigen::Quaterniond(Eigen::AngleAxisd(0.8, Eigen::Vector3d(1, 2, 3).normalized())), p);
   lecture_position(ctx, p, 0);
   ecriture_position(ctx, p, 0);
   const float v[6] = {0.1f, 0.2f, -0.3f, 1, -1, 0.5f};
@@ -196,7 +201,8 @@ TEST(ServoConversions, ForcesGoToTheDeviceFrameAndBack) {
   KaloContext *ctx = s.get();
   // Device pose as received from the controller: a pure rotation about z.
   float p[7];
-  make_pose(Eigen::Vector3d::Zero(), Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ())), p);
+  make_pose(Eigen::Vector3d::Zero(),
+            Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ())), p);
   for (int i = 0; i < 7; ++i)
     ctx->state_record.position[i] = p[i];
   const float f_in[6] = {1, 0, 0, 0, 0, 2};
