@@ -6,6 +6,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <ctime>
 
@@ -111,6 +112,18 @@ const float *state_pose(const KaloContext *ctx, int32_t point) {
   const fx::Pose x = normalised_pose(pose);
   fx::store(x, p.X_dev);
   fx::store(fx::inverse_unit(x), p.X_dev_inv);
+}
+
+// 36 doubles copied in pairs: a block copy would start a string move whose
+// set-up costs more than the copy.
+[[gnu::always_inline]] inline void copy_36(const double *from, double *to) {
+  using Pair = double __attribute__((vector_size(16)));
+#pragma GCC unroll 18
+  for (int i = 0; i < 36; i += 2) {
+    Pair v;
+    std::memcpy(&v, from + i, sizeof v);
+    std::memcpy(to + i, &v, sizeof v);
+  }
 }
 
 // A screw's halves as stored (vtrans, then vrot).
@@ -337,17 +350,16 @@ int32_t calcul_asserv(KaloContext *ctx, int32_t point) {
   fx::store(h_rel, p.H_rel);
   const Halves dev = load(p.V_dev_in), obj = load(p.V_obj);
   const Halves err{dev.a - obj.a, dev.b - obj.b};
-  store(err, p.V_err);
 
+  // The stiffness is copied in (the spring never adopts a caller's matrix).
   LIN_SPR_6D *spring = p.ressort;
-  LIN_SPR_6D_setStiffnessMatrix(spring, p.K);
+  copy_36(p.K->donnees, spring->K->donnees);
   fx::store(h_rel, spring->H_1_2);
   spring->valide = 0;
   const Halves w = load(LIN_SPR_6D_get_W_2_1_1_ref(spring));
 
   const fx::M3 r = fx::rotation_matrix(x_obj.q);
   const Halves err_obj{fx::mul_tr(r, err.a - fx::cross(x_obj.t, err.b)), fx::mul_tr(r, err.b)};
-  store(err_obj, p.V_err_obj);
   // B times the speed error laid out as a wrench (halves swapped).
   const double x[6] = {err_obj.b.x, err_obj.b.y, err_obj.b.z,
                        err_obj.a.x, err_obj.a.y, err_obj.a.z};
@@ -358,10 +370,7 @@ int32_t calcul_asserv(KaloContext *ctx, int32_t point) {
     d[i] = ((((row[0] * x[0] + row[1] * x[1]) + row[2] * x[2]) + row[3] * x[3]) + row[4] * x[4]) +
            row[5] * x[5];
   }
-  const Halves amort{{d[0], d[1], d[2]}, {d[3], d[4], d[5]}};
-  store(amort, p.W_amort);
-  const Halves total{w.a + amort.a, w.b + amort.b};
-  store(total, p.W_total);
+  const Halves total{w.a + fx::V3{d[0], d[1], d[2]}, w.b + fx::V3{d[3], d[4], d[5]}};
   store({r * total.a, r * total.b}, p.W_consigne);
   return 0;
 }

@@ -201,13 +201,15 @@ KALO_FIXED Q normalised(const Q &a) {
   return {a.x / n, a.y / n, a.z / n, a.w / n};
 }
 
-// normalised(a) to rounding, with one division.
+// normalised(a) to rounding: left as it is when its squared norm is within
+// a few roundings of one (dividing would move it by rounding only), else
+// scaled by one reciprocal.
 KALO_FIXED Q unit(const Q &a) {
-  const double n = norm(a);
-  if (n == 1.0)
+  const double s = (a.x * a.x + a.y * a.y + a.z * a.z) + a.w * a.w;
+  if (std::fabs(s - 1.0) <= 0x1p-50)
     return a;
-  const double s = 1.0 / n;
-  return {a.x * s, a.y * s, a.z * s, a.w * s};
+  const double r = 1.0 / std::sqrt(s);
+  return {a.x * r, a.y * r, a.z * r, a.w * r};
 }
 
 // Full Hamilton product a b, not normalised: the cross product of the vector
@@ -340,23 +342,43 @@ struct Wrench {
   V3 moment, force;
 };
 
+// The elements (i, j) of a b, summed as in mul.
+KALO_FIXED double product_element(const M3 &a, const M3 &b, int i, int j) {
+  return (a(i, 0) * b(0, j) + a(i, 1) * b(1, j)) + a(i, 2) * b(2, j);
+}
+
+// skew_vector(skew_part(a b)) from the six off-diagonal elements of a b alone.
+KALO_FIXED V3 skew_vector_of_product(const M3 &a, const M3 &b) {
+  return {0.5 * (product_element(a, b, 1, 2) - product_element(a, b, 2, 1)),
+          0.5 * (product_element(a, b, 2, 0) - product_element(a, b, 0, 2)),
+          0.5 * (product_element(a, b, 0, 1) - product_element(a, b, 1, 0))};
+}
+
+// skew_vector(skew_part(a)).
+KALO_FIXED V3 skew_vector_of(const M3 &a) {
+  return {0.5 * (a(1, 2) - a(2, 1)), 0.5 * (a(2, 0) - a(0, 2)), 0.5 * (a(0, 1) - a(1, 0))};
+}
+
 // The wrench of the 6 x 6 stiffness k (row-major, 36 doubles) stretched by
-// the displacement d, as TORS_calculer_effort: force = vect(-A1 - (A2 + A3)),
-// moment = vect(-2 B1 - (B2 + 2 B3)), each product grouped as there.
+// the displacement d, as TORS_calculer_effort to rounding: force =
+// vect(-A1 - (A2 + A3)), moment = vect(-2 B1 - (B2 + 2 B3)). With R the
+// rotation, T = [t]x and u = R^T t, the rotation's conjugations are folded:
+// R^T T R = [u]x, so vect(A1) = R^T vect(as(Gtt T)), A2 = as(Gtt [u]x) and
+// B2 = as(Gtt [u]x [u]x); only the elements that the vectors read are summed.
 KALO_FIXED Wrench spring_wrench(const double *k, const Pose &d) {
   const M3 ktt{{k[21], k[22], k[23], k[27], k[28], k[29], k[33], k[34], k[35]}};
   const M3 koo{{k[0], k[1], k[2], k[6], k[7], k[8], k[12], k[13], k[14]}};
   const M3 kot{{k[3], k[4], k[5], k[9], k[10], k[11], k[15], k[16], k[17]}};
-  const M3 gtt = co_stiffness(ktt), goo = co_stiffness(koo), got = co_stiffness(kot);
+  const M3 gtt = co_stiffness(ktt), goo = co_stiffness(koo);
   const M3 r = rotation_matrix(d.q);
-  const M3 rt = transpose(r);
   const V3 &t = d.t;
+  const V3 u = mul_tr(r, t);
 
-  const M3 a1 = mul(mul(rt, skew_part(mul_skew(gtt, t))), r);
-  const M3 gtt_rt = mul(gtt, rt);
-  const M3 a2 = skew_part(mul(mul_skew(gtt_rt, t), r));
-  const M3 b1 = skew_part(mul(goo, r));
-  const M3 b2 = skew_part(mul(mul_skew(mul_skew(gtt_rt, t), t), r));
+  const V3 a1 = mul_tr(r, skew_vector_of(mul_skew(gtt, t)));
+  const M3 gtt_u = mul_skew(gtt, u);
+  const V3 a2 = skew_vector_of(gtt_u);
+  const V3 b1 = skew_vector_of_product(goo, r);
+  const V3 b2 = skew_vector_of(mul_skew(gtt_u, u));
   // Without translation-rotation coupling (a diagonal stiffness, the servo's
   // case) A3 and B3 are zero and leave the sums as they are.
   bool coupled = false;
@@ -364,10 +386,11 @@ KALO_FIXED Wrench spring_wrench(const double *k, const Pose &d) {
   for (int n = 0; n < 9; ++n)
     coupled = coupled || kot.m[n] != 0.0;
   if (!coupled)
-    return {skew_vector(-2.0 * b1 - b2), skew_vector(-1.0 * a1 - a2)};
-  const M3 a3 = skew_part(mul(2.0 * got, r));
-  const M3 b3 = skew_part(mul(mul_skew(got, t), r));
-  return {skew_vector(-2.0 * b1 - (b2 + 2.0 * b3)), skew_vector(-1.0 * a1 - (a2 + a3))};
+    return {-2.0 * b1 - b2, -1.0 * a1 - a2};
+  const M3 got = co_stiffness(kot);
+  const V3 a3 = skew_vector_of_product(2.0 * got, r);
+  const V3 b3 = skew_vector_of_product(mul_skew(got, t), r);
+  return {-2.0 * b1 - (b2 + 2.0 * b3), -1.0 * a1 - (a2 + a3)};
 }
 
 #undef KALO_FIXED
