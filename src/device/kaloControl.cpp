@@ -365,7 +365,7 @@ int32_t calcul_asserv(KaloContext *ctx, int32_t point) {
                        err_obj.a.x, err_obj.a.y, err_obj.a.z};
   const double *b = p.B->donnees;
   double d[6];
-  for (int i = 0; i < 6; ++i) {
+  for (std::size_t i = 0; i < 6; ++i) {
     const double *row = b + 6 * i;
     d[i] = ((((row[0] * x[0] + row[1] * x[1]) + row[2] * x[2]) + row[3] * x[3]) + row[4] * x[4]) +
            row[5] * x[5];
