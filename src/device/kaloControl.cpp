@@ -351,12 +351,20 @@ int32_t calcul_asserv(KaloContext *ctx, int32_t point) {
   const Halves dev = load(p.V_dev_in), obj = load(p.V_obj);
   const Halves err{dev.a - obj.a, dev.b - obj.b};
 
-  // The stiffness is copied in (the spring never adopts a caller's matrix).
+  // The servo never moves the spring's attachment frames from the bodies, so
+  // its wrench is the stiffness's own for H_rel, pulled back: computed here
+  // directly. Frames set elsewhere go through the spring object.
   LIN_SPR_6D *spring = p.ressort;
-  copy_36(p.K->donnees, spring->K->donnees);
-  fx::store(h_rel, spring->H_1_2);
-  spring->valide = 0;
-  const Halves w = load(LIN_SPR_6D_get_W_2_1_1_ref(spring));
+  Halves w;
+  if (fx::is_identity(fx::load(spring->H_c2_2)) && fx::is_identity(fx::load(spring->H_1c_1))) {
+    const fx::Wrench s = fx::spring_wrench(p.K->donnees, h_rel);
+    w = {-1.0 * s.moment, -1.0 * s.force};
+  } else {
+    copy_36(p.K->donnees, spring->K->donnees); // the spring never adopts a caller's matrix
+    fx::store(h_rel, spring->H_1_2);
+    spring->valide = 0;
+    w = load(LIN_SPR_6D_get_W_2_1_1_ref(spring));
+  }
 
   const fx::M3 r = fx::rotation_matrix(x_obj.q);
   const Halves err_obj{fx::mul_tr(r, err.a - fx::cross(x_obj.t, err.b)), fx::mul_tr(r, err.b)};
@@ -365,10 +373,19 @@ int32_t calcul_asserv(KaloContext *ctx, int32_t point) {
                        err_obj.a.x, err_obj.a.y, err_obj.a.z};
   const double *b = p.B->donnees;
   double d[6];
-  for (std::size_t i = 0; i < 6; ++i) {
-    const double *row = b + 6 * i;
-    d[i] = ((((row[0] * x[0] + row[1] * x[1]) + row[2] * x[2]) + row[3] * x[3]) + row[4] * x[4]) +
-           row[5] * x[5];
+  bool b_diagonal = true; // the gains set it so; its zero terms are then left out
+  for (std::size_t i = 0; i < 6; ++i)
+    for (std::size_t j = 0; j < 6; ++j)
+      b_diagonal = b_diagonal && (i == j || b[6 * i + j] == 0.0);
+  if (b_diagonal) {
+    for (std::size_t i = 0; i < 6; ++i)
+      d[i] = b[7 * i] * x[i];
+  } else {
+    for (std::size_t i = 0; i < 6; ++i) {
+      const double *row = b + 6 * i;
+      d[i] = ((((row[0] * x[0] + row[1] * x[1]) + row[2] * x[2]) + row[3] * x[3]) + row[4] * x[4]) +
+             row[5] * x[5];
+    }
   }
   const Halves total{w.a + fx::V3{d[0], d[1], d[2]}, w.b + fx::V3{d[3], d[4], d[5]}};
   store({r * total.a, r * total.b}, p.W_consigne);

@@ -30,7 +30,9 @@ struct ServoPoint {
   // The cycle and the conversions compute on the stack and keep here what
   // other paths read: the poses and their inverses, H_rel, V_dev_in, V_obj,
   // W_consigne, and the results V_dev_proj, W_dev and W_texture. The adjoints
-  // and the other intermediate screws are not kept up to date.
+  // and the other intermediate screws are not kept up to date, nor is the
+  // spring object while its attachment frames stay at the bodies (the cycle
+  // then computes its wrench directly).
   DEPL *X_dev; // pose of the device's control point
   DEPL *H_rel; // object pose seen from the device
   DEPL *X_dev_inv;

@@ -354,6 +354,23 @@ KALO_FIXED V3 skew_vector_of_product(const M3 &a, const M3 &b) {
           0.5 * (product_element(a, b, 0, 1) - product_element(a, b, 1, 0))};
 }
 
+KALO_FIXED bool is_diagonal(const M3 &a) {
+  return a.m[1] == 0.0 && a.m[2] == 0.0 && a.m[3] == 0.0 && a.m[5] == 0.0 && a.m[6] == 0.0 &&
+         a.m[7] == 0.0;
+}
+
+// mul_skew(g, t) and skew_vector_of_product(g, r) for a diagonal g: the
+// terms of the zero elements left out of the sums.
+KALO_FIXED M3 diagonal_mul_skew(const M3 &g, const V3 &t) {
+  return {{0.0, g(0, 0) * -t.z, g(0, 0) * t.y, g(1, 1) * t.z, 0.0, g(1, 1) * -t.x, g(2, 2) * -t.y,
+           g(2, 2) * t.x, 0.0}};
+}
+KALO_FIXED V3 diagonal_skew_vector_of_product(const M3 &g, const M3 &r) {
+  return {0.5 * (g(1, 1) * r(1, 2) - g(2, 2) * r(2, 1)),
+          0.5 * (g(2, 2) * r(2, 0) - g(0, 0) * r(0, 2)),
+          0.5 * (g(0, 0) * r(0, 1) - g(1, 1) * r(1, 0))};
+}
+
 // skew_vector(skew_part(a)).
 KALO_FIXED V3 skew_vector_of(const M3 &a) {
   return {0.5 * (a(1, 2) - a(2, 1)), 0.5 * (a(2, 0) - a(0, 2)), 0.5 * (a(0, 1) - a(1, 0))};
@@ -374,10 +391,14 @@ KALO_FIXED Wrench spring_wrench(const double *k, const Pose &d) {
   const V3 &t = d.t;
   const V3 u = mul_tr(r, t);
 
-  const V3 a1 = mul_tr(r, skew_vector_of(mul_skew(gtt, t)));
-  const M3 gtt_u = mul_skew(gtt, u);
+  // A diagonal block (the servo's gains) skips its zero terms.
+  const bool tt_diagonal = is_diagonal(gtt);
+  const V3 a1 =
+      mul_tr(r, skew_vector_of(tt_diagonal ? diagonal_mul_skew(gtt, t) : mul_skew(gtt, t)));
+  const M3 gtt_u = tt_diagonal ? diagonal_mul_skew(gtt, u) : mul_skew(gtt, u);
   const V3 a2 = skew_vector_of(gtt_u);
-  const V3 b1 = skew_vector_of_product(goo, r);
+  const V3 b1 =
+      is_diagonal(goo) ? diagonal_skew_vector_of_product(goo, r) : skew_vector_of_product(goo, r);
   const V3 b2 = skew_vector_of(mul_skew(gtt_u, u));
   // Without translation-rotation coupling (a diagonal stiffness, the servo's
   // case) A3 and B3 are zero and leave the sums as they are.
