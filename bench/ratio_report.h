@@ -1,7 +1,9 @@
 // The console table of Google Benchmark, followed by each of our figures
 // divided by its baseline's from the same run. With --benchmark_repetitions
 // the ratios are taken between medians (the machine may be shared, and the
-// median resists a disturbed repetition); otherwise between single runs.
+// median resists a disturbed repetition); otherwise between single runs. On a
+// shared machine add --benchmark_enable_random_interleaving=true, so that a
+// change of load falls on both sides of a pair alike.
 #pragma once
 
 #include <benchmark/benchmark.h>
