@@ -13,8 +13,6 @@
 // Eigen objects are built outside the timed loops. Before timing, each of our
 // benchmarks checks that its result matches Eigen's on the first input, so both
 // sides of a pair compute the same thing.
-#include <benchmark/benchmark.h>
-
 #include <Eigen/Dense>
 #include <Eigen/Geometry>
 
@@ -23,6 +21,7 @@
 #include <vector>
 
 #include "kalo/kalo_math.h"
+#include "ratio_report.h"
 
 namespace {
 
@@ -307,4 +306,12 @@ BENCHMARK(BM_MatdMult6_EigenDynamic);
 
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv) {
+  return kalo_bench::run_with_ratios(
+      argc, argv,
+      {{"DEPL_compose", "BM_DeplCompose", "BM_DeplCompose_Eigen"},
+       {"QUAT_mult", "BM_QuatMult", "BM_QuatMult_Eigen"},
+       {"quaternion to matrix", "BM_QuatToMatrix", "BM_QuatToMatrix_Eigen"},
+       {"MATD_mult 6 x 6", "BM_MatdMult6", "BM_MatdMult6_Eigen"},
+       {"MATD_mult 6 x 6 (dynamic)", "BM_MatdMult6", "BM_MatdMult6_EigenDynamic"}});
+}

@@ -1,21 +1,29 @@
 // Cost of one servo cycle (calcul_asserv: spring wrench for the finite pose
 // error plus damping, expressed at the object) and of each frame conversion,
-// beside the same spring-damper law written with Eigen in the same run. The
-// Eigen baseline linearises the spring (rotation vector times a diagonal
-// stiffness), so it is a lower bound for the exact finite-displacement wrench.
-#include <benchmark/benchmark.h>
-
+// each beside its twin written with Eigen's fixed-size types in the same run;
+// the ratios are printed at the end.
+//
+// The twins do the work ours does: the same inputs read from memory at every
+// iteration (so nothing is hoisted out of the loop), the same outputs and the
+// same state written (a conversion also keeps the pose and its inverse that
+// later calls read). The cycle's twin linearises the spring (rotation vector
+// times a diagonal stiffness), so it is a lower bound for the exact
+// finite-displacement wrench that ours computes.
 #include <Eigen/Dense>
 #include <Eigen/Geometry>
 
+#include <algorithm>
 #include <memory>
 
 #include "device/context.h"
 #include "device/servo_point.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_signal.h"
+#include "ratio_report.h"
 
 namespace {
+
+using Vec6 = Eigen::Matrix<double, 6, 1>;
 
 struct Servo {
   std::unique_ptr<KaloContext> ctx = std::make_unique<KaloContext>();
@@ -44,7 +52,28 @@ struct Servo {
   static constexpr float kDevice[7] = {0.1f, 0.2f, 0.3f, 0.0f, 0.0f, 0.0998334f, 0.9950042f};
   static constexpr float kObject[7] = {0.11f, 0.19f, 0.31f, 0.01f, 0.0f, 0.0998334f, 0.9949540f};
   static constexpr float kSpeed[12] = {0.1f, 0, 0.2f, 0, 0.5f, 0, 0, 0.1f, 0, 0.3f, 0, 0};
+  static constexpr float kForce[6] = {1, 2, 3, 0.1f, 0.2f, 0.3f};
 };
+
+// A pose as the twins hold it, with its inverse.
+struct EigenPose {
+  Eigen::Vector3d t, t_inv;
+  Eigen::Quaterniond q, q_inv;
+};
+
+// 7 floats in, normalised, inverse kept: what a pose set-point or reading costs.
+void pose_in(const float *p, EigenPose &x) {
+  x.t = Eigen::Vector3f(p[0], p[1], p[2]).cast<double>();
+  x.q = Eigen::Quaterniond(p[6], p[3], p[4], p[5]).normalized();
+  x.q_inv = x.q.conjugate();
+  x.t_inv = -(x.q_inv * x.t);
+}
+
+void write_floats(const Eigen::Vector3d &a, const Eigen::Vector3d &b, float *out) {
+  Eigen::Map<Eigen::Vector3f> head(out), tail(out + 3);
+  head = a.cast<float>();
+  tail = b.cast<float>();
+}
 
 void BM_ServoCycle(benchmark::State &state) {
   Servo s;
@@ -55,13 +84,18 @@ void BM_ServoCycle(benchmark::State &state) {
 }
 BENCHMARK(BM_ServoCycle);
 
-void BM_EigenSpringDamper(benchmark::State &state) {
-  const Eigen::Quaterniond q_dev(0.9950042, 0, 0, 0.0998334), q_obj(0.9949540, 0.01, 0, 0.0998334);
-  const Eigen::Vector3d t_dev(0.1, 0.2, 0.3), t_obj(0.11, 0.19, 0.31);
-  Eigen::Matrix<double, 6, 1> dv;
+void BM_ServoCycle_Eigen(benchmark::State &state) {
+  Eigen::Quaterniond q_dev(0.9950042, 0, 0, 0.0998334), q_obj(0.9949540, 0.01, 0, 0.0998334);
+  Eigen::Vector3d t_dev(0.1, 0.2, 0.3), t_obj(0.11, 0.19, 0.31);
+  Vec6 dv;
   dv << 0.1, -0.1, 0.2, -0.3, 0.5, 0;
-  const Eigen::Vector3d kt(1000, 2000, 3000), kr(10, 20, 30), bt(5, 6, 7), br(0.1, 0.2, 0.3);
+  Eigen::Vector3d kt(1000, 2000, 3000), kr(10, 20, 30), bt(5, 6, 7), br(0.1, 0.2, 0.3);
+  Vec6 out;
   for (auto _ : state) {
+    for (auto *x : {&t_dev, &t_obj, &kt, &kr, &bt, &br})
+      benchmark::DoNotOptimize(*x);
+    benchmark::DoNotOptimize(q_dev);
+    benchmark::DoNotOptimize(q_obj);
     benchmark::DoNotOptimize(dv);
     const Eigen::Quaterniond qo = q_obj.normalized();
     const Eigen::Quaterniond qd = q_dev.normalized();
@@ -73,17 +107,14 @@ void BM_EigenSpringDamper(benchmark::State &state) {
     const Eigen::Vector3d f_s = -kt.cwiseProduct(t_rel);
     const Eigen::Vector3d m_s = -kr.cwiseProduct(aa.angle() * aa.axis());
     // Damping: speed error brought to the object.
-    Eigen::Matrix3d tx;
-    tx << 0, -t_obj.z(), t_obj.y(), t_obj.z(), 0, -t_obj.x(), -t_obj.y(), t_obj.x(), 0;
-    const Eigen::Vector3d v = ro.transpose() * dv.head<3>() - ro.transpose() * tx * dv.tail<3>();
+    const Eigen::Vector3d v = ro.transpose() * (dv.head<3>() - t_obj.cross(dv.tail<3>()));
     const Eigen::Vector3d w = ro.transpose() * dv.tail<3>();
-    const Eigen::Vector3d f = ro * (f_s + bt.cwiseProduct(v));
-    const Eigen::Vector3d m = ro * (m_s + br.cwiseProduct(w));
-    benchmark::DoNotOptimize(f);
-    benchmark::DoNotOptimize(m);
+    out.head<3>() = ro * (f_s + bt.cwiseProduct(v));
+    out.tail<3>() = ro * (m_s + br.cwiseProduct(w));
+    benchmark::DoNotOptimize(out);
   }
 }
-BENCHMARK(BM_EigenSpringDamper);
+BENCHMARK(BM_ServoCycle_Eigen);
 
 void BM_LecturePosition(benchmark::State &state) {
   Servo s;
@@ -125,33 +156,129 @@ BENCHMARK(BM_EcritureVitesse);
 
 void BM_EcritureForce(benchmark::State &state) {
   Servo s;
-  const float f[6] = {1, 2, 3, 0.1f, 0.2f, 0.3f};
   float out[6];
   for (auto _ : state) {
-    ecriture_force(s.ctx.get(), f, out, 0);
+    ecriture_force(s.ctx.get(), Servo::kForce, out, 0);
     benchmark::DoNotOptimize(out);
   }
 }
 BENCHMARK(BM_EcritureForce);
 
-// The application-facing twist/wrench conversion written with Eigen: the
-// baseline for one conversion.
-void BM_EigenForceConversion(benchmark::State &state) {
-  const Eigen::Quaterniond q(0.9950042, 0, 0, 0.0998334);
-  const Eigen::Vector3d t(0.1, 0.2, 0.3);
-  Eigen::Vector3d f(1, 2, 3), m(0.1, 0.2, 0.3);
+void BM_EcritureTextureForce(benchmark::State &state) {
+  Servo s;
+  float out[6];
   for (auto _ : state) {
-    benchmark::DoNotOptimize(f);
-    const Eigen::Matrix3d r = q.normalized().toRotationMatrix();
-    const Eigen::Vector3d f_dev = f;
-    const Eigen::Vector3d m_dev = m - t.cross(f); // moment about the device point
-    benchmark::DoNotOptimize(r);
-    benchmark::DoNotOptimize(f_dev);
-    benchmark::DoNotOptimize(m_dev);
+    ecriture_texture_force(s.ctx.get(), Servo::kForce, out, 0);
+    benchmark::DoNotOptimize(out);
   }
 }
-BENCHMARK(BM_EigenForceConversion);
+BENCHMARK(BM_EcritureTextureForce);
+
+// ---- the conversions' twins
+
+// lecture_position and ecriture_position: a pose in, normalised, its inverse kept.
+void BM_PoseIn_Eigen(benchmark::State &state) {
+  float pose[7];
+  std::copy(Servo::kDevice, Servo::kDevice + 7, pose);
+  EigenPose x;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(pose);
+    pose_in(pose, x);
+    benchmark::DoNotOptimize(x);
+  }
+}
+BENCHMARK(BM_PoseIn_Eigen);
+
+// lecture_vitesse and ecriture_vitesse: the inverse of the held pose kept,
+// the twist moved to the other point (v -+ t x w, w).
+void BM_TwistConversion_Eigen(benchmark::State &state) {
+  EigenPose x;
+  pose_in(Servo::kDevice, x);
+  float in[6], out[6];
+  std::copy(Servo::kSpeed, Servo::kSpeed + 6, in);
+  Vec6 held;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(x.t);
+    benchmark::DoNotOptimize(x.q);
+    benchmark::DoNotOptimize(in);
+    const Eigen::Vector3d v = Eigen::Vector3f(in[0], in[1], in[2]).cast<double>();
+    const Eigen::Vector3d w = Eigen::Vector3f(in[3], in[4], in[5]).cast<double>();
+    x.q_inv = x.q.conjugate();
+    x.t_inv = -(x.q_inv * x.t);
+    held.head<3>() = v - x.t.cross(w);
+    held.tail<3>() = w;
+    write_floats(held.head<3>(), w, out);
+    benchmark::DoNotOptimize(x);
+    benchmark::DoNotOptimize(held);
+    benchmark::DoNotOptimize(out);
+  }
+}
+BENCHMARK(BM_TwistConversion_Eigen);
+
+// ecriture_force: the device pose from the state record in (normalised,
+// inverse kept), the force kept and moved to the device point (f, m + t x f).
+void BM_EcritureForce_Eigen(benchmark::State &state) {
+  float pose[7], in[6], out[6];
+  std::copy(Servo::kDevice, Servo::kDevice + 7, pose);
+  std::copy(Servo::kForce, Servo::kForce + 6, in);
+  EigenPose x;
+  Vec6 held;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(pose);
+    benchmark::DoNotOptimize(in);
+    pose_in(pose, x);
+    const Eigen::Vector3d f = Eigen::Vector3f(in[0], in[1], in[2]).cast<double>();
+    const Eigen::Vector3d m = Eigen::Vector3f(in[3], in[4], in[5]).cast<double>();
+    held.head<3>() = f;
+    held.tail<3>() = m + x.t.cross(f);
+    write_floats(f, held.tail<3>(), out);
+    benchmark::DoNotOptimize(x);
+    benchmark::DoNotOptimize(held);
+    benchmark::DoNotOptimize(out);
+  }
+}
+BENCHMARK(BM_EcritureForce_Eigen);
+
+// ecriture_texture_force: as above, plus the object pose's inverse kept and
+// the moment taken at the object's point.
+void BM_EcritureTextureForce_Eigen(benchmark::State &state) {
+  float pose[7], in[6], out[6];
+  std::copy(Servo::kDevice, Servo::kDevice + 7, pose);
+  std::copy(Servo::kForce, Servo::kForce + 6, in);
+  EigenPose x, object;
+  pose_in(Servo::kObject, object);
+  Vec6 held;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(pose);
+    benchmark::DoNotOptimize(in);
+    benchmark::DoNotOptimize(object.t);
+    benchmark::DoNotOptimize(object.q);
+    object.q_inv = object.q.conjugate();
+    object.t_inv = -(object.q_inv * object.t);
+    pose_in(pose, x);
+    const Eigen::Vector3d f = Eigen::Vector3f(in[0], in[1], in[2]).cast<double>();
+    const Eigen::Vector3d m = Eigen::Vector3f(in[3], in[4], in[5]).cast<double>();
+    held.head<3>() = f;
+    held.tail<3>() = m + object.t.cross(f);
+    write_floats(f, held.tail<3>(), out);
+    benchmark::DoNotOptimize(x);
+    benchmark::DoNotOptimize(object);
+    benchmark::DoNotOptimize(held);
+    benchmark::DoNotOptimize(out);
+  }
+}
+BENCHMARK(BM_EcritureTextureForce_Eigen);
 
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv) {
+  return kalo_bench::run_with_ratios(
+      argc, argv,
+      {{"servo cycle", "BM_ServoCycle", "BM_ServoCycle_Eigen"},
+       {"lecture_position", "BM_LecturePosition", "BM_PoseIn_Eigen"},
+       {"ecriture_position", "BM_EcriturePosition", "BM_PoseIn_Eigen"},
+       {"lecture_vitesse", "BM_LectureVitesse", "BM_TwistConversion_Eigen"},
+       {"ecriture_vitesse", "BM_EcritureVitesse", "BM_TwistConversion_Eigen"},
+       {"ecriture_force", "BM_EcritureForce", "BM_EcritureForce_Eigen"},
+       {"ecriture_texture_force", "BM_EcritureTextureForce", "BM_EcritureTextureForce_Eigen"}});
+}

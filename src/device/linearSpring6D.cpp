@@ -1,13 +1,14 @@
 // Linear 6D spring between two bodies: the wrench of a stiffness given in
 // the attachment frame, for the displacement between the attachment frames,
-// brought back to body 1. Recomputed lazily; every intermediate lives in the
-// object so an update allocates nothing.
+// brought back to body 1. Recomputed lazily, on the stack with fixed-size
+// values, so an update allocates nothing.
 #include "kalo/kalo_spring.h"
 
 #include <cstdlib>
 #include <initializer_list>
 
 #include "device/depl_copy.h"
+#include "math/fixed.h"
 
 using kalo::servo::copy_depl;
 
@@ -31,8 +32,8 @@ LIN_SPR_6D *LIN_SPR_6D_new(void) {
       return nullptr;
   if (!(s->identite = MATD_identite(3)))
     return nullptr;
-  for (MATD **m : {&s->r, &s->rt, &s->t, &s->ktt, &s->koo, &s->kot, &s->gtt, &s->goo, &s->got,
-                   &s->e1, &s->e2})
+  for (MATD **m :
+       {&s->r, &s->rt, &s->t, &s->ktt, &s->koo, &s->kot, &s->gtt, &s->goo, &s->got, &s->e1, &s->e2})
     if (!(*m = MATD_creer(3, 3)))
       return nullptr;
   if (!(s->v1 = VECT3_creer()) || !(s->v2 = VECT3_creer()))
@@ -99,14 +100,34 @@ void LIN_SPR_6D_setParameters(LIN_SPR_6D *s, const MATD *k, const DEPL *h_1c_1,
 void LIN_SPR_6D_update_W_2_1_1(LIN_SPR_6D *s) {
   if (s->valide != 0)
     return;
-  // Displacement from attachment frame c2 to attachment frame c1 through the bodies.
-  DEPL_compose(s->H_c2_2, s->H_1_2, s->H_tmp1);
-  DEPL_compose(s->H_tmp1, s->H_1c_1, s->H_c);
-  TORS_calculer_effort(s->K, s->H_c, s->W_c, s->W, nullptr, s->identite, s->r, s->rt, s->t, s->ktt,
-                       s->koo, s->kot, s->gtt, s->goo, s->got, s->e1, s->e2, s->v1, s->v2);
-  TORS_mult_par_scalaire(s->W_c, s->W_c, -1.0); // the spring pulls back
-  DEPL_adjoint_inverse(s->H_1c_1, s->Ad, s->r, s->rt, s->t);
-  TORS_mult_effort_par_adjointe_transpose(s->W_c, s->Ad, s->w_tmp, s->W_2_1_1);
+  using namespace kalo::fixed;
+  // Displacement from attachment frame c2 to attachment frame c1 through the
+  // bodies. Attachment frames at the bodies (the servo's case) compose to the
+  // body displacement itself, normalised as a composition would leave it.
+  const Pose c2_2 = load(s->H_c2_2), h_1_2 = load(s->H_1_2), c1_1 = load(s->H_1c_1);
+  const bool at_bodies = is_identity(c2_2) && is_identity(c1_1);
+  Pose h_c{h_1_2.t, unit(h_1_2.q)};
+  if (!at_bodies) {
+    const Pose tmp = compose(c2_2, h_1_2);
+    store(tmp, s->H_tmp1);
+    h_c = compose(tmp, c1_1);
+  }
+  store(h_c, s->H_c);
+  const Wrench w = spring_wrench(s->K->donnees, h_c);
+  const V3 m = -1.0 * w.moment, f = -1.0 * w.force; // the spring pulls back
+  store(m, s->W_c->vtrans);
+  store(f, s->W_c->vrot);
+  if (at_bodies) {
+    store(m, s->W_2_1_1->vtrans);
+    store(f, s->W_2_1_1->vrot);
+  } else {
+    // The transposed inverse adjoint of H_1c_1 carries the wrench from c1 to
+    // body 1: force R f, moment t x (R f) + R m.
+    const M3 r = rotation_matrix(c1_1.q);
+    const V3 rf = r * f;
+    store(cross(c1_1.t, rf) + r * m, s->W_2_1_1->vtrans);
+    store(rf, s->W_2_1_1->vrot);
+  }
   s->valide = 1;
 }
 

@@ -19,18 +19,24 @@ struct EnergyTrack {
   double E_pic;
   double E_pic_prev;
   double E_max;
-  double ecart;     // distance from the held reference pose (position guard)
-  double ecart_max; // its limit
+  double ecart;           // distance from the held reference pose (position guard)
+  double ecart_max;       // its limit
   int32_t en_depassement; // an excess has been reported
   int32_t limitation;     // the reference pose is held
 };
 
 struct ServoPoint {
   // ---- coupling law and conversions
-  DEPL *X_dev;     // pose of the device's control point
-  DEPL *H_rel;     // object pose seen from the device
+  // The cycle and the conversions compute on the stack and keep here what
+  // other paths read: the poses and their inverses, H_rel, V_dev_in, V_obj,
+  // W_consigne, and the results V_dev_proj, W_dev and W_texture. The adjoints
+  // and the other intermediate screws are not kept up to date, nor is the
+  // spring object while its attachment frames stay at the bodies (the cycle
+  // then computes its wrench directly).
+  DEPL *X_dev; // pose of the device's control point
+  DEPL *H_rel; // object pose seen from the device
   DEPL *X_dev_inv;
-  DEPL *X_obj;     // pose of the virtual object
+  DEPL *X_obj; // pose of the virtual object
   DEPL *X_obj_inv;
   MATD *Ad_obj, *Ad_obj_inv, *Ad_dev_inv; // 6 x 6; Ad_obj_inv is also the force paths' work adjoint
   TORS *V_dev_in, *V_dev, *V_dev_proj, *V_obj_in, *V_obj_proj, *V_obj, *V_err, *V_err_obj;
@@ -40,11 +46,11 @@ struct ServoPoint {
   MATD *B;     // 6 x 6 damping, diagonal rotation first
   MATD *K_aux; // 6 x 6, diagonal cleared by calcul_gains
   LIN_SPR_6D *ressort;
-  MATD *identite3;            // 3 x 3 identity
-  MATD *m3[3];                // 3 x 3 scratch of the adjoint computations
-  TORS *w_tmp[2];             // scratch screws of the wrench transports
-  VECT3 *dt, *dr;             // position comparison
-  QUAT *q_norm;               // receives normalised quaternions
+  MATD *identite3; // 3 x 3 identity
+  MATD *m3[3];     // 3 x 3 scratch of the adjoint computations
+  TORS *w_tmp[2];  // scratch screws of the wrench transports
+  VECT3 *dt, *dr;  // position comparison
+  QUAT *q_norm;    // receives normalised quaternions
 
   // ---- position guard
   int32_t ec_restart_pos;
@@ -71,8 +77,8 @@ struct ServoPoint {
   int32_t position_power_requested; // power was switched on by a position set-point
   int32_t speed_power_wait;         // speed set-points to wait, quiet, before power may return
   int32_t speed_power_requested;    // power was switched on by a speed set-point
-  int32_t object_attached;          // an object is attached to this point; gains not yet acknowledged
-  int32_t object_reset;             // the object displacements were reset by an attach or detach
+  int32_t object_attached; // an object is attached to this point; gains not yet acknowledged
+  int32_t object_reset;    // the object displacements were reset by an attach or detach
 
   // Microsecond clock of the energy guards (monotonic; replaceable by tests).
   uint64_t (*clock_us)(void);

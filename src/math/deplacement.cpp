@@ -6,12 +6,17 @@
 #include <cstdlib>
 
 #include "kalo/kalo_math.h"
+#include "math/fixed.h"
 
 namespace {
 constexpr double kPi = 3.14159265358979323846;
 
-inline double &at(MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
-inline double at(const MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
+inline double &at(MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
+inline double at(const MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
 
 // Copies the 3 x 3 block b into a at (row, col).
 void put_block(MATD *a, uint64_t row, uint64_t col, const MATD *b) {
@@ -94,8 +99,8 @@ DEPL *DEPL_remplir_vrot(DEPL *d, double x, double y, double z, double angle) {
   return d;
 }
 
-DEPL *DEPL_remplir_trans_vrot(DEPL *d, double tx, double ty, double tz, double x, double y, double z,
-                              double angle) {
+DEPL *DEPL_remplir_trans_vrot(DEPL *d, double tx, double ty, double tz, double x, double y,
+                              double z, double angle) {
   DEPL_remplir_trans(d, tx, ty, tz);
   return DEPL_remplir_vrot(d, x, y, z, angle);
 }
@@ -141,7 +146,9 @@ void DEPL_afficher_homogene(const DEPL *d) {
   VECT3_detruire(t);
 }
 
-double DEPL_translationNorm(const DEPL *d) { return VECT3_norme(d->trans); }
+double DEPL_translationNorm(const DEPL *d) {
+  return VECT3_norme(d->trans);
+}
 
 double DEPL_rotationAngle(const DEPL *d) {
   const double w = d->rot->partie_scal;
@@ -151,17 +158,15 @@ double DEPL_rotationAngle(const DEPL *d) {
   return a <= kPi ? a : 2.0 * kPi - a;
 }
 
+// The compositions are computed on the stack (kalo::fixed), with the same
+// formulas as the quaternion and vector functions they stand for.
 DEPL *DEPL_compose(const DEPL *a, const DEPL *b, DEPL *c) {
-  QUAT_mult(a->rot, b->rot, c->rot);
-  QUAT_rot_vecteur(a->rot, b->trans, c->trans);
-  VECT3_plus(a->trans, c->trans, c->trans);
+  kalo::fixed::store(kalo::fixed::compose(kalo::fixed::load(a), kalo::fixed::load(b)), c);
   return c;
 }
 
 DEPL *DEPL_inverse(const DEPL *a, DEPL *r) {
-  QUAT_conjugue(a->rot, r->rot);
-  QUAT_rot_vecteur(r->rot, a->trans, r->trans);
-  VECT3_oppose(r->trans, r->trans);
+  kalo::fixed::store(kalo::fixed::inverse(kalo::fixed::load(a)), r);
   return r;
 }
 
@@ -173,9 +178,7 @@ DEPL *DEPL_compose_inv(const DEPL *a, const DEPL *b, DEPL *c) {
 }
 
 DEPL *DEPL_inv_compose(const DEPL *a, const DEPL *b, DEPL *c) {
-  VECT3_moins(b->trans, a->trans, c->trans);
-  QUAT_inv_rot_vecteur(a->rot, c->trans, c->trans);
-  QUAT_conj_mult(a->rot, b->rot, c->rot);
+  kalo::fixed::store(kalo::fixed::inv_compose(kalo::fixed::load(a), kalo::fixed::load(b)), c);
   return c;
 }
 

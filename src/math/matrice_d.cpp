@@ -9,14 +9,67 @@
 namespace {
 constexpr double kTolerance = 1e-12;
 
-inline uint64_t count(const MATD *a) { return a->nb_lignes * a->nb_colonnes; }
-inline double &at(MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
-inline double at(const MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
+inline uint64_t count(const MATD *a) {
+  return a->nb_lignes * a->nb_colonnes;
+}
+inline double &at(MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
+inline double at(const MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
+
+// r = op(a) op(b) for one size known at compile time (r M x N, inner
+// dimension K), op(a) and op(b) stored contiguously: the sums of the general
+// loop below, term for term in the same order, unrolled and kept in
+// registers across a row of r.
+template <bool TransposeA, bool TransposeB, int M, int K, int N>
+void fixed_product(const double *a, const double *b, double *r) {
+  constexpr int sa = TransposeA ? M : K; // row strides
+  constexpr int sb = TransposeB ? K : N;
+  const auto ea = [a](int i, int k) { return TransposeA ? a[k * sa + i] : a[i * sa + k]; };
+  const auto eb = [b](int k, int j) { return TransposeB ? b[j * sb + k] : b[k * sb + j]; };
+  double out[M * N];
+#pragma GCC unroll 36
+  for (int i = 0; i < M; ++i) {
+    double acc[N];
+#pragma GCC unroll 36
+    for (int j = 0; j < N; ++j)
+      acc[j] = ea(i, 0) * eb(0, j);
+#pragma GCC unroll 36
+    for (int k = 1; k < K; ++k)
+#pragma GCC unroll 36
+      for (int j = 0; j < N; ++j)
+        acc[j] += ea(i, k) * eb(k, j);
+#pragma GCC unroll 36
+    for (int j = 0; j < N; ++j)
+      out[i * N + j] = acc[j];
+  }
+#pragma GCC unroll 36
+  for (int n = 0; n < M * N; ++n)
+    r[n] = out[n];
+}
+
+// The fixed-size product when every size matches, row strides included.
+template <bool TransposeA, bool TransposeB, int M, int K, int N>
+bool fixed_size(const MATD *a, const MATD *b, MATD *r, uint64_t inner) {
+  if (r->nb_lignes != M || r->nb_colonnes != N || inner != K ||
+      a->nb_colonnes != (TransposeA ? M : K) || b->nb_colonnes != (TransposeB ? K : N))
+    return false;
+  fixed_product<TransposeA, TransposeB, M, K, N>(a->donnees, b->donnees, r->donnees);
+  return true;
+}
 
 // r = op(a) op(b), each operand read as stored or transposed: the one loop
-// behind the four products. The sum accumulates in r's element, as it always has.
+// behind the four products. The sum accumulates in r's element, as it always
+// has. The sizes of the servo and the spring (3 x 3, 6 x 6, 6 x 6 by a
+// column) take the unrolled path.
 template <bool TransposeA, bool TransposeB> MATD *product(const MATD *a, const MATD *b, MATD *r) {
   const uint64_t inner = TransposeA ? a->nb_lignes : a->nb_colonnes;
+  if (fixed_size<TransposeA, TransposeB, 6, 6, 6>(a, b, r, inner) ||
+      fixed_size<TransposeA, TransposeB, 6, 6, 1>(a, b, r, inner) ||
+      fixed_size<TransposeA, TransposeB, 3, 3, 3>(a, b, r, inner))
+    return r;
   for (uint64_t i = 0; i < r->nb_lignes; ++i)
     for (uint64_t j = 0; j < r->nb_colonnes; ++j) {
       double &e = at(r, i, j);
@@ -62,8 +115,12 @@ void MATD_detruire(MATD *a) {
   std::free(a);
 }
 
-uint64_t MATD_nb_lignes(const MATD *a) { return a->nb_lignes; }
-uint64_t MATD_nb_colonnes(const MATD *a) { return a->nb_colonnes; }
+uint64_t MATD_nb_lignes(const MATD *a) {
+  return a->nb_lignes;
+}
+uint64_t MATD_nb_colonnes(const MATD *a) {
+  return a->nb_colonnes;
+}
 
 double MATD_lire_element(const MATD *a, int32_t i, int32_t j) {
   return a->donnees[static_cast<int64_t>(i) * static_cast<int64_t>(a->nb_colonnes) + j];
@@ -281,13 +338,21 @@ MATD *MATD_deriver_par_colonnes(const MATD *a, MATD *r, double dt) {
   return r;
 }
 
-MATD *MATD_mult(const MATD *a, const MATD *b, MATD *r) { return product<false, false>(a, b, r); }
+MATD *MATD_mult(const MATD *a, const MATD *b, MATD *r) {
+  return product<false, false>(a, b, r);
+}
 
-MATD *MATD_mult_tr(const MATD *a, const MATD *b, MATD *r) { return product<false, true>(a, b, r); }
+MATD *MATD_mult_tr(const MATD *a, const MATD *b, MATD *r) {
+  return product<false, true>(a, b, r);
+}
 
-MATD *MATD_tr_mult(const MATD *a, const MATD *b, MATD *r) { return product<true, false>(a, b, r); }
+MATD *MATD_tr_mult(const MATD *a, const MATD *b, MATD *r) {
+  return product<true, false>(a, b, r);
+}
 
-MATD *MATD_tr_mult_tr(const MATD *a, const MATD *b, MATD *r) { return product<true, true>(a, b, r); }
+MATD *MATD_tr_mult_tr(const MATD *a, const MATD *b, MATD *r) {
+  return product<true, true>(a, b, r);
+}
 
 void MATD_mult_matrice_par_vecteur(const MATD *a, const double *x, double *y) {
   for (uint64_t i = 0; i < a->nb_lignes; ++i) {

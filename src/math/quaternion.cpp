@@ -4,80 +4,25 @@
 #include <cstdlib>
 
 #include "kalo/kalo_math.h"
+#include "math/fixed.h"
 
 namespace {
 constexpr double kEpsilon = 1e-38; // guard of square roots and divisions in conversions
 
-struct Q {
-  double x, y, z, w;
-};
+using kalo::fixed::conj;
+using kalo::fixed::conj_mult;
+using kalo::fixed::forced_positive;
+using kalo::fixed::hamilton;
+using kalo::fixed::load;
+using kalo::fixed::mult_conj;
+using kalo::fixed::norm;
+using kalo::fixed::normalised;
+using kalo::fixed::Q;
+using kalo::fixed::store;
 
-inline Q load(const QUAT *q) {
-  const VECT3 *v = q->partie_vect;
-  return {v[0], v[1], v[2], q->partie_scal};
+inline double m(const MATD *mat, uint64_t i, uint64_t j) {
+  return mat->donnees[i * mat->nb_colonnes + j];
 }
-
-inline QUAT *store(const Q &a, QUAT *q) {
-  VECT3 *v = q->partie_vect;
-  v[0] = a.x;
-  v[1] = a.y;
-  v[2] = a.z;
-  q->partie_scal = a.w;
-  return q;
-}
-
-inline double norm(const Q &a) { return std::sqrt((a.x * a.x + a.y * a.y + a.z * a.z) + a.w * a.w); }
-
-inline Q normalised(const Q &a) {
-  const double n = norm(a);
-  return {a.x / n, a.y / n, a.z / n, a.w / n};
-}
-
-// Full Hamilton product a b, not normalised: the cross product of the vector
-// parts first, then a.w b.v, then b.w a.v.
-inline Q hamilton(const Q &a, const Q &b) {
-  Q c;
-  c.x = a.y * b.z - b.y * a.z;
-  c.y = a.z * b.x - b.z * a.x;
-  c.z = a.x * b.y - b.x * a.y;
-  c.x = (c.x + a.w * b.x) + b.w * a.x;
-  c.y = (c.y + a.w * b.y) + b.w * a.y;
-  c.z = (c.z + a.w * b.z) + b.w * a.z;
-  c.w = a.w * b.w - (a.x * b.x + a.y * b.y + a.z * b.z);
-  return c;
-}
-
-// a conj(b), normalised.
-inline Q mult_conj(const Q &a, const Q &b) {
-  Q c;
-  c.x = -(a.y * b.z - b.y * a.z);
-  c.y = -(a.z * b.x - b.z * a.x);
-  c.z = -(a.x * b.y - b.x * a.y);
-  c.x = (c.x + b.w * a.x) - a.w * b.x;
-  c.y = (c.y + b.w * a.y) - a.w * b.y;
-  c.z = (c.z + b.w * a.z) - a.w * b.z;
-  c.w = (a.x * b.x + a.y * b.y + a.z * b.z) + a.w * b.w;
-  return normalised(c);
-}
-
-// conj(a) b, normalised.
-inline Q conj_mult(const Q &a, const Q &b) {
-  Q c;
-  c.x = -(a.y * b.z - b.y * a.z);
-  c.y = -(a.z * b.x - b.z * a.x);
-  c.z = -(a.x * b.y - b.x * a.y);
-  c.x = (c.x + a.w * b.x) - b.w * a.x;
-  c.y = (c.y + a.w * b.y) - b.w * a.y;
-  c.z = (c.z + a.w * b.z) - b.w * a.z;
-  c.w = (a.x * b.x + a.y * b.y + a.z * b.z) + a.w * b.w;
-  return normalised(c);
-}
-
-inline Q conj(const Q &a) { return {-a.x, -a.y, -a.z, a.w}; }
-
-inline Q forced_positive(const Q &a) { return a.w < 0.0 ? Q{-a.x, -a.y, -a.z, -a.w} : a; }
-
-inline double m(const MATD *mat, uint64_t i, uint64_t j) { return mat->donnees[i * mat->nb_colonnes + j]; }
 } // namespace
 
 extern "C" {
@@ -125,19 +70,29 @@ void QUAT_afficher(const QUAT *q) {
   VECT3_afficher(q->partie_vect);
 }
 
-double QUAT_norme(const QUAT *q) { return norm(load(q)); }
+double QUAT_norme(const QUAT *q) {
+  return norm(load(q));
+}
 
-QUAT *QUAT_normaliser(const QUAT *q, QUAT *r) { return store(normalised(load(q)), r); }
+QUAT *QUAT_normaliser(const QUAT *q, QUAT *r) {
+  return store(normalised(load(q)), r);
+}
 
-QUAT *QUAT_conjugue(const QUAT *q, QUAT *r) { return store(conj(load(q)), r); }
+QUAT *QUAT_conjugue(const QUAT *q, QUAT *r) {
+  return store(conj(load(q)), r);
+}
 
 QUAT *QUAT_mult(const QUAT *a, const QUAT *b, QUAT *c) {
   return store(normalised(hamilton(load(a), load(b))), c);
 }
 
-QUAT *QUAT_mult_conj(const QUAT *a, const QUAT *b, QUAT *c) { return store(mult_conj(load(a), load(b)), c); }
+QUAT *QUAT_mult_conj(const QUAT *a, const QUAT *b, QUAT *c) {
+  return store(mult_conj(load(a), load(b)), c);
+}
 
-QUAT *QUAT_conj_mult(const QUAT *a, const QUAT *b, QUAT *c) { return store(conj_mult(load(a), load(b)), c); }
+QUAT *QUAT_conj_mult(const QUAT *a, const QUAT *b, QUAT *c) {
+  return store(conj_mult(load(a), load(b)), c);
+}
 
 QUAT *QUAT_inverse(const QUAT *q, QUAT *r) {
   const Q a = load(q);
@@ -145,7 +100,9 @@ QUAT *QUAT_inverse(const QUAT *q, QUAT *r) {
   return store(normalised(Q{-a.x / n2, -a.y / n2, -a.z / n2, a.w / n2}), r);
 }
 
-void QUAT_forcer_positif(QUAT *q) { store(forced_positive(load(q)), q); }
+void QUAT_forcer_positif(QUAT *q) {
+  store(forced_positive(load(q)), q);
+}
 
 VECT3 *QUAT_delta(const QUAT *a, const QUAT *b, VECT3 *r) {
   const Q c = forced_positive(mult_conj(load(a), load(b)));
@@ -156,20 +113,12 @@ VECT3 *QUAT_delta(const QUAT *a, const QUAT *b, VECT3 *r) {
 }
 
 VECT3 *QUAT_rot_vecteur(const QUAT *q, const VECT3 *v, VECT3 *r) {
-  const Q a = load(q);
-  const Q p = hamilton(hamilton(a, Q{v[0], v[1], v[2], 0.0}), conj(a));
-  r[0] = p.x;
-  r[1] = p.y;
-  r[2] = p.z;
+  kalo::fixed::store(kalo::fixed::rotate(load(q), load(v)), r);
   return r;
 }
 
 VECT3 *QUAT_inv_rot_vecteur(const QUAT *q, const VECT3 *v, VECT3 *r) {
-  const Q a = load(q);
-  const Q p = hamilton(hamilton(conj(a), Q{v[0], v[1], v[2], 0.0}), a);
-  r[0] = p.x;
-  r[1] = p.y;
-  r[2] = p.z;
+  kalo::fixed::store(kalo::fixed::inv_rotate(load(q), load(v)), r);
   return r;
 }
 
@@ -292,7 +241,8 @@ void QUAT_vider_vrot(const QUAT *q, double *x, double *y, double *z, double *ang
   *angle = 2.0 * std::acos(a.w);
 }
 
-void QUAT_convertir_vitesse_rotation_en_quaternion_derive(const QUAT *q, const double *w, QUAT *dq) {
+void QUAT_convertir_vitesse_rotation_en_quaternion_derive(const QUAT *q, const double *w,
+                                                          QUAT *dq) {
   const Q a = load(q);
   const double cx = w[1] * a.z - a.y * w[2];
   const double cy = w[2] * a.x - a.z * w[0];
@@ -302,7 +252,8 @@ void QUAT_convertir_vitesse_rotation_en_quaternion_derive(const QUAT *q, const d
   store(d, dq);
 }
 
-void QUAT_convertir_quaternion_derive_en_vitesse_rotation(const QUAT *q, const QUAT *dq, double *w) {
+void QUAT_convertir_quaternion_derive_en_vitesse_rotation(const QUAT *q, const QUAT *dq,
+                                                          double *w) {
   const Q a = load(q);
   const Q d = load(dq);
   const double cx = d.y * a.z - a.y * d.z;

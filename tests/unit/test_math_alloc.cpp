@@ -1,11 +1,12 @@
 // The servo cycle calls the math and signal functions on records created
 // once: none of them may touch the heap. Every function that is not a
-// constructor runs here under an allocation counter.
+// constructor runs here under an allocation counter, the spring's update too.
 #include <cstdio>
 #include <vector>
 
 #include "alloc_counter.h"
 #include "kalo/kalo_signal.h"
+#include "kalo/kalo_spring.h"
 #include "math_test_util.h"
 
 using namespace kalo_test;
@@ -24,10 +25,10 @@ struct Pool {
 TEST(NoAllocation, EveryNonCreatingMathAndSignalFunction) {
   KALO_REQUIRE_ALLOC_COUNTING();
   Pool pool;
-  MATD *m33a = pool.get(3, 3), *m33b = pool.get(3, 3), *m33c = pool.get(3, 3), *m66 = pool.get(6, 6),
-       *m66b = pool.get(6, 6), *c3 = pool.get(3, 1), *c3b = pool.get(3, 1), *c3c = pool.get(3, 1),
-       *c6 = pool.get(6, 1), *c6b = pool.get(6, 1), *r13 = pool.get(1, 3), *h = pool.get(4, 4),
-       *h2 = pool.get(4, 4), *h3 = pool.get(4, 4), *id3 = pool.get(3, 3);
+  MATD *m33a = pool.get(3, 3), *m33b = pool.get(3, 3), *m33c = pool.get(3, 3),
+       *m66 = pool.get(6, 6), *m66b = pool.get(6, 6), *c3 = pool.get(3, 1), *c3b = pool.get(3, 1),
+       *c3c = pool.get(3, 1), *c6 = pool.get(6, 1), *c6b = pool.get(6, 1), *r13 = pool.get(1, 3),
+       *h = pool.get(4, 4), *h2 = pool.get(4, 4), *h3 = pool.get(4, 4), *id3 = pool.get(3, 3);
   MATD_ra_identite(id3);
   MATD_ra_identite(m66);
   MATD_ra_identite(h);
@@ -66,7 +67,9 @@ TEST(NoAllocation, EveryNonCreatingMathAndSignalFunction) {
   MATD_remplir_avec_scalaire(lo.get(), -1.0);
   MATD_remplir_avec_scalaire(hi.get(), 1.0);
   TSIG_INTEGRATEUR *integ = TSIG_creer_integrateur_trapeze_borne(lo.get(), hi.get(), 1e-3);
-  ASSERT_TRUE(filter && deriv && integ && mi && mi2 && pc);
+  LIN_SPR_6D *spring = LIN_SPR_6D_new();
+  Depl at_body = depl();
+  ASSERT_TRUE(filter && deriv && integ && mi && mi2 && pc && spring);
   uint32_t sat;
 
   // Printing goes to a captured stream; print once first so that the
@@ -129,7 +132,12 @@ TEST(NoAllocation, EveryNonCreatingMathAndSignalFunction) {
       MATD_symetrique_extraite_mat_carre(m33a, m33c);
       MATD_deriver_par_lignes(m33a, m33c, 0.1);
       MATD_deriver_par_colonnes(m33a, m33c, 0.1);
-      MATD_mult(m66, m66, m66b);
+      MATD_mult(m66, m66, m66b); // the unrolled sizes: 6 x 6, 6 x 6 by a column, 3 x 3
+      MATD_mult_tr(m66, m66, m66b);
+      MATD_tr_mult(m66, m66, m66b);
+      MATD_tr_mult_tr(m66, m66, m66b);
+      MATD_mult(m66, c6, c6b);
+      MATD_tr_mult(m66, c6, c6b);
       MATD_mult(m33a, m33b, m33c);
       MATD_mult_tr(m33a, m33b, m33c);
       MATD_tr_mult(m33a, m33b, m33c);
@@ -235,8 +243,8 @@ TEST(NoAllocation, EveryNonCreatingMathAndSignalFunction) {
       TORS_exponentiel(ta.get(), dc.get(), m33a, W, vp, id3, m33b, 0.3);
       TORS_deriver_deplacement(da.get(), db.get(), dc.get(), c6, c6b, filter, ta.get(), tb.get(),
                                tc.get(), m66b, m33a, m33b, m33c);
-      TORS_calculer_effort(m66, da.get(), tc.get(), Ws, nullptr, id3, sp[0], sp[1], sp[2], sp[3], sp[4],
-                           sp[5], sp[6], sp[7], sp[8], sp[9], sp[10], vr, v[3]);
+      TORS_calculer_effort(m66, da.get(), tc.get(), Ws, nullptr, id3, sp[0], sp[1], sp[2], sp[3],
+                           sp[4], sp[5], sp[6], sp[7], sp[8], sp[9], sp[10], vr, v[3]);
       // Homogeneous forms.
       MATD_remplir_homogene_par_trans(h2, c3);
       MATD_remplir_homogene_par_rot(h2, id3);
@@ -264,8 +272,14 @@ TEST(NoAllocation, EveryNonCreatingMathAndSignalFunction) {
       MATD_homogene_adjointe(h2, m66b, m33a, m33b, c3, m33c);
       MATD_exponentiel_matrice_antisymetrique(m33b, m33c, W, id3, 0.2f);
       MATD_exponentiel_twist(c6, h3, W, X, r13, id3, c3, c3b, m33b, c3c, m33c, 0.2f);
-      MATD_calculer_wrench(m66, h2, c6, Ws, nullptr, id3, sp[0], sp[1], c3, sp[2], sp[3], sp[4], sp[5],
-                           sp[6], sp[7], sp[8], sp[9], nullptr, c3b, sp[10]);
+      MATD_calculer_wrench(m66, h2, c6, Ws, nullptr, id3, sp[0], sp[1], c3, sp[2], sp[3], sp[4],
+                           sp[5], sp[6], sp[7], sp[8], sp[9], nullptr, c3b, sp[10]);
+      // The spring, frames at the bodies and elsewhere.
+      LIN_SPR_6D_setParameters(spring, m66, da.get(), db.get());
+      LIN_SPR_6D_set_H_1_2(spring, dc.get());
+      LIN_SPR_6D_get_W_2_1_1_ref(spring);
+      LIN_SPR_6D_setParameters(spring, m66, at_body.get(), at_body.get());
+      LIN_SPR_6D_get_W_2_1_1_ref(spring);
       // Signal blocks.
       TSIG_periode_echantillon(filter);
       TSIG_filtre_reinitialiser(filter, c6);
@@ -284,6 +298,7 @@ TEST(NoAllocation, EveryNonCreatingMathAndSignalFunction) {
   ::testing::internal::GetCapturedStdout();
   EXPECT_EQ(count, 0u);
 
+  LIN_SPR_6D_delete(spring);
   TSIG_filtre_detruire(filter);
   TSIG_derivateur_detruire(deriv);
   TSIG_integrateur_detruire(integ);

@@ -1,12 +1,16 @@
 // The coupling law and the frame conversions around it: pose validity, pose
 // agreement, the spring-damper wrench against an independent Eigen model,
-// and a cycle that allocates nothing.
+// the stack computation against the record computation, and a cycle that
+// allocates nothing.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
 #include <Eigen/Geometry>
 
+#include <random>
+
 #include "alloc_counter.h"
+#include "servo_reference.h"
 #include "servo_test_util.h"
 
 using kalo_test::ServoContext;
@@ -45,7 +49,9 @@ Eigen::Quaterniond quat_of(const float *pose) {
   return Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).normalized();
 }
 
-Eigen::Vector3d trans_of(const float *pose) { return Eigen::Vector3d(pose[0], pose[1], pose[2]); }
+Eigen::Vector3d trans_of(const float *pose) {
+  return Eigen::Vector3d(pose[0], pose[1], pose[2]);
+}
 
 } // namespace
 
@@ -78,10 +84,12 @@ TEST(ServoPose, AgreementToleranceInTranslationAndRotation) {
   ecriture_position(ctx, far, 0);
   EXPECT_EQ(erreur_position(ctx, 0), -1);
   float turned[7];
-  make_pose(Eigen::Vector3d::Zero(), Eigen::Quaterniond(Eigen::AngleAxisd(0.03, Eigen::Vector3d::UnitZ())), turned);
+  make_pose(Eigen::Vector3d::Zero(),
+            Eigen::Quaterniond(Eigen::AngleAxisd(0.03, Eigen::Vector3d::UnitZ())), turned);
   ecriture_position(ctx, turned, 0); // vector part sin(0.015) < 0.02
   EXPECT_EQ(erreur_position(ctx, 0), 0);
-  make_pose(Eigen::Vector3d::Zero(), Eigen::Quaterniond(Eigen::AngleAxisd(0.05, Eigen::Vector3d::UnitZ())), turned);
+  make_pose(Eigen::Vector3d::Zero(),
+            Eigen::Quaterniond(Eigen::AngleAxisd(0.05, Eigen::Vector3d::UnitZ())), turned);
   ecriture_position(ctx, turned, 0); // sin(0.025) > 0.02
   EXPECT_EQ(erreur_position(ctx, 0), -1);
 }
@@ -101,7 +109,8 @@ TEST(ServoCycle, EqualPosesAndSpeedsGiveNoWrench) {
   KaloContext *ctx = s.get();
   set_gains(ctx, {1000, 2000, 3000, 10, 20, 30}, {5, 6, 7, 0.1f, 0.2f, 0.3f});
   float p[7];
-  make_pose(Eigen::Vector3d(0.3, -0.2, 0.1), Eigen::Quaterniond(Eigen::AngleAxisd(0.8, Eigen::Vector3d(1, 2, 3).normalized())), p);
+  make_pose(Eigen::Vector3d(0.3, -0.2, 0.1),
+            Eigen::Quaterniond(Eigen::AngleAxisd(0.8, Eigen::Vector3d(1, 2, 3).normalized())), p);
   lecture_position(ctx, p, 0);
   ecriture_position(ctx, p, 0);
   const float v[6] = {0.1f, 0.2f, -0.3f, 1, -1, 0.5f};
@@ -192,7 +201,8 @@ TEST(ServoConversions, ForcesGoToTheDeviceFrameAndBack) {
   KaloContext *ctx = s.get();
   // Device pose as received from the controller: a pure rotation about z.
   float p[7];
-  make_pose(Eigen::Vector3d::Zero(), Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ())), p);
+  make_pose(Eigen::Vector3d::Zero(),
+            Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ())), p);
   for (int i = 0; i < 7; ++i)
     ctx->state_record.position[i] = p[i];
   const float f_in[6] = {1, 0, 0, 0, 0, 2};
@@ -242,6 +252,119 @@ TEST(ServoConversions, SpeedsFollowTheFrames) {
   ecriture_vitesse(ctx, spin, out, 0);
   EXPECT_NEAR(std::fabs(out[1]), 1.0, 1e-6);
   EXPECT_NEAR(out[5], 1.0, 1e-6);
+}
+
+namespace {
+
+// got equals ref to rel times ref's largest magnitude, element by element.
+::testing::AssertionResult agree(const double *got, const double *ref, int n, double rel) {
+  double scale = 0.0;
+  for (int i = 0; i < n; ++i)
+    scale = std::fmax(scale, std::fabs(ref[i]));
+  for (int i = 0; i < n; ++i)
+    if (!(std::fabs(got[i] - ref[i]) <= rel * scale))
+      return ::testing::AssertionFailure() << "element " << i << ": " << got[i] << " against "
+                                           << ref[i] << " (scale " << scale << ")";
+  return ::testing::AssertionSuccess();
+}
+::testing::AssertionResult agree(const float *got, const float *ref, int n) {
+  double g[7], r[7];
+  for (int i = 0; i < n; ++i) {
+    g[i] = got[i];
+    r[i] = ref[i];
+  }
+  return agree(g, r, n, 0x1p-22); // a float rounding of the same double, either way
+}
+::testing::AssertionResult agree(const DEPL *got, const DEPL *ref) {
+  double g[7], r[7];
+  DEPL_vider_7_double(got, g);
+  DEPL_vider_7_double(ref, r);
+  return agree(g, r, 7, 1e-12);
+}
+::testing::AssertionResult agree(const TORS *got, const TORS *ref) {
+  return agree(got->vecteur->donnees, ref->vecteur->donnees, 6, 1e-12);
+}
+
+} // namespace
+
+// The library computes the cycle and the conversions on the stack; the
+// record computation they replace is the reference. Random poses (their
+// quaternions off unit norm, as applications send them), speeds, forces and
+// gains; every output and every member another path reads must agree.
+TEST(ServoCycle, StackComputationEqualsTheRecordComputation) {
+  std::mt19937_64 rng(18);
+  std::uniform_real_distribution<float> u(-1.0f, 1.0f), scale(0.9f, 1.1f), expo(0.0f, 3.0f);
+  std::normal_distribution<float> g(0.0f, 1.0f);
+  const auto pose = [&](float *x) {
+    const float a = g(rng), b = g(rng), c = g(rng), d = g(rng);
+    const float n = std::sqrt(a * a + b * b + c * c + d * d) / scale(rng);
+    const float values[7] = {u(rng), u(rng), u(rng), a / n, b / n, c / n, d / n};
+    std::copy(values, values + 7, x);
+  };
+  const auto six = [&](float *x, float s) {
+    for (int i = 0; i < 6; ++i)
+      x[i] = s * u(rng);
+  };
+  ServoContext fast, slow;
+  KaloContext *ctx = fast.get();
+  ServoPoint &p = fast.point(), &r = slow.point();
+  for (int n = 0; n < 300; ++n) {
+    SCOPED_TRACE(n);
+    float dev[7], obj[7], state[7], vd[6], vo[6], f[6], ft[6], k[6], b[6];
+    pose(dev);
+    pose(obj);
+    pose(state);
+    six(vd, 2.0f);
+    six(vo, 2.0f);
+    six(f, 50.0f);
+    six(ft, 50.0f);
+    for (int i = 0; i < 6; ++i) {
+      k[i] = std::pow(10.0f, 1.0f + expo(rng));
+      b[i] = std::pow(10.0f, -1.0f + expo(rng));
+    }
+    ecriture_gains(ctx, k, b, 0);
+    ecriture_gains(slow.get(), k, b, 0);
+    std::copy(state, state + 7, ctx->state_record.position);
+    float out[6], ref[6];
+
+    lecture_position(ctx, dev, 0);
+    kalo_test::reference::lecture_position(r, dev);
+    EXPECT_TRUE(agree(p.X_dev, r.X_dev));
+    EXPECT_TRUE(agree(p.X_dev_inv, r.X_dev_inv));
+    ecriture_position(ctx, obj, 0);
+    kalo_test::reference::ecriture_position(r, obj);
+    EXPECT_TRUE(agree(p.X_obj, r.X_obj));
+    EXPECT_TRUE(agree(p.X_obj_inv, r.X_obj_inv));
+    lecture_vitesse(ctx, vd, out, 0);
+    kalo_test::reference::lecture_vitesse(r, vd, ref);
+    EXPECT_TRUE(agree(out, ref, 6));
+    EXPECT_TRUE(agree(p.V_dev_proj, r.V_dev_proj));
+    ecriture_vitesse(ctx, vo, out, 0);
+    kalo_test::reference::ecriture_vitesse(r, vo, ref);
+    EXPECT_TRUE(agree(out, ref, 6));
+    EXPECT_TRUE(agree(p.V_obj, r.V_obj));
+
+    calcul_asserv(ctx, 0);
+    kalo_test::reference::calcul_asserv(r);
+    EXPECT_TRUE(agree(p.H_rel, r.H_rel));
+    EXPECT_TRUE(agree(p.W_consigne, r.W_consigne));
+    ASSERT_GT(std::fabs(r.W_consigne->vecteur->donnees[0]), 0.0);
+    copie_force(ctx, out, 0);
+    TORS_vider_effort_float(r.W_consigne, ref);
+    EXPECT_TRUE(agree(out, ref, 6));
+
+    ecriture_force(ctx, f, out, 0);
+    kalo_test::reference::ecriture_force(r, state, f, ref);
+    EXPECT_TRUE(agree(out, ref, 6));
+    EXPECT_TRUE(agree(p.W_dev, r.W_dev));
+    EXPECT_TRUE(agree(p.X_dev, r.X_dev));
+    EXPECT_TRUE(agree(p.X_dev_inv, r.X_dev_inv));
+    ecriture_texture_force(ctx, ft, out, 0);
+    kalo_test::reference::ecriture_texture_force(r, state, ft, ref);
+    EXPECT_TRUE(agree(out, ref, 6));
+    EXPECT_TRUE(agree(p.W_texture, r.W_texture));
+    EXPECT_TRUE(agree(p.W_consigne, r.W_consigne));
+  }
 }
 
 TEST(ServoCycle, TenThousandCyclesAllocateNothing) {
