@@ -75,7 +75,9 @@ KALO_API const char *kaloGetErrorMessage(int32_t code);
 KALO_API KaloContext *kaloOpen(const char *url);
 /* Stops the threads, sends the closing request, releases everything. 0, or -1
  * (bad handle: kaloGlobalError 3; the connection had already failed: the
- * context is released all the same and kaloGlobalError is 2). */
+ * context is released all the same and kaloGlobalError is 2). Threads blocked
+ * in a library wait on the context return -1 with code 2. A closed handle
+ * gives kaloGlobalError 3 in every later call, a second close included. */
 KALO_API int32_t kaloClose(KaloContext *context);
 /* This library's version: 4 and 4. Returns 0. */
 KALO_API int32_t kaloAPIVersion(int32_t *major, int32_t *minor);
@@ -172,7 +174,9 @@ KALO_API int32_t kaloGetIndexingMode(KaloContext *context, uint32_t *mode);
  * sets the coupling gains of kaloAttachVO and the energy guard's counts. */
 KALO_API int32_t kaloSetTimeStep(KaloContext *context, float step);
 KALO_API int32_t kaloGetTimeStep(KaloContext *context, float *step);
-/* Microseconds since the controller stamped its last state frame. */
+/* Microseconds since the controller stamped its last state frame, on the
+ * wall clock (the controller stamps with a synchronised one); 0 for a stamp
+ * newer than the clock reading. */
 KALO_API int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age);
 /* Speed factor (above 0, else 9): taken at once in command type 3, approached
  * smoothly (0.5 Hz) otherwise. The getter returns the factor asked for. */
@@ -218,8 +222,9 @@ KALO_API int32_t kaloGetButton(KaloContext *context, uint32_t button, uint32_t *
 KALO_API int32_t kaloGetEmergencyStop(KaloContext *context, uint32_t *value);
 /* The dead-man button (15); returns 0. */
 KALO_API int32_t kaloGetDeadMan(KaloContext *context, uint32_t *value);
-/* Blocks until button is pressed: a button already held must be released and
- * pressed again. No time-out. */
+/* Blocks until button (1..16, else 9 at once) is pressed: a button already
+ * held must be released and pressed again. No time-out; kaloClose ends the
+ * wait (-1, code 2). */
 KALO_API int32_t kaloWaitPressButton(KaloContext *context, uint32_t button);
 /* *on = 1 while the arm's power is on. */
 KALO_API int32_t kaloGetPowerOn(KaloContext *context, uint32_t *on);
@@ -308,7 +313,8 @@ KALO_API int32_t kaloVmLoadSpline(KaloContext *context, const char *name);
 KALO_API int32_t kaloVmDeleteSpline(KaloContext *context, const char *name);
 /* Asks for count (1..3000) trajectory samples. */
 KALO_API int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count);
-/* Waits for the samples asked for and copies them, 7 floats each (type 1 only). */
+/* Waits for the samples asked for and copies them, 7 floats each (type 1 only):
+ * never more than the count given to kaloVmStartTrajSampling. */
 KALO_API int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples);
 /* Asks the controller for its upper-bound signal and blocks until it comes. */
 KALO_API int32_t kaloVmWaitUpperBound(KaloContext *context);
@@ -334,7 +340,9 @@ KALO_API int32_t kaloDetachVO(KaloContext *context);
 /* The same for avatars. */
 KALO_API int32_t kaloDetachVOAvatar(KaloContext *context);
 /* Runs one servo cycle per control point and returns the coupling wrenches
- * (6 floats each) to apply to the virtual object (command types 2, 4 to 7). */
+ * (6 floats each) to apply to the virtual object (command types 2, 4 to 7).
+ * A point whose wrench is not a number (the controller reported a pose with
+ * a zero quaternion) gets a zero wrench, and the call returns -1 with 9. */
 KALO_API int32_t kaloGetForce(KaloContext *context, float *force);
 /* The two torque saturation values (both above 0, else 9). */
 KALO_API int32_t kaloSaturateTorque(KaloContext *context, float a, float b);
