@@ -178,7 +178,8 @@ public:
     if (ctx_->waits_cancelled.load() == 0)
       return false;
     ctx_->error_code = KALO_ERROR_COMMUNICATION;
-    kaloGlobalError = KALO_ERROR_COMMUNICATION;
+    if (ctx_->closing_thread.load() != std::this_thread::get_id()) // the close's own queries
+      kaloGlobalError = KALO_ERROR_COMMUNICATION;
     return true;
   }
 

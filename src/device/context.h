@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <thread>
 
 #include "kalo/kalo.h"
 #include "kalo/kalo_math.h"
@@ -162,6 +163,7 @@ struct KaloContext {
   std::atomic<uint32_t> waiters;
   std::atomic<uint32_t> waits_cancelled;
   std::atomic<uint32_t> close_claimed;
+  std::atomic<std::thread::id> closing_thread; // the thread inside kaloClose
   // Held by a query from its request to its reply (see kalo::query_call).
   std::mutex query_mutex;
 };

@@ -127,15 +127,18 @@ int32_t kaloClose(KaloContext *context) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return -1;
   }
+  ctx->closing_thread = std::this_thread::get_id();
   const bool was_connected = ctx->connected.load() != 0;
+  // First of all: a thread blocked in a wait (the loop's function among them)
+  // must not hold the close up. The detach below then goes out without its
+  // confirming round trip.
+  end_waits(ctx);
 
   end_mouse(ctx);
   if (was_connected) {
     kaloDetachVO(ctx);
     TR_delai(0.2);
   }
-  // Before the loop stops: its function may be blocked in a wait.
-  end_waits(ctx);
   const bool on_loop_thread = kalo::stop_loop(ctx);
   if (was_connected)
     TR_delai(0.2);
