@@ -3,7 +3,7 @@
 //
 // Life of a connection, as the controller sees it:
 //   1. start() binds the port and waits for a client's first frame (item 44).
-//   2. Every state frame begins with the counts (items 52 and 69), so that the
+//   2. Every state frame begins with the counts (items 69 then 52), so that the
 //      per-point and per-axis items after them are always read with the
 //      counts of the same frame. Frames are stamped (item 1) with the low 32
 //      bits of the wall clock in microseconds.

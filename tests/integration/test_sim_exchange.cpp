@@ -60,8 +60,8 @@ TEST(SimExchange, WaitsForHelloThenSendsStateFramesHeadedByTheCounts) {
   for (std::size_t i = 0; i < frames.size(); ++i) {
     ASSERT_TRUE(frames[i].envelope_ok) << i;
     ASSERT_TRUE(frames[i].decoded) << i;
-    ASSERT_EQ(frames[i].head[0], 52) << i;
-    ASSERT_EQ(frames[i].head[1], 69) << i;
+    ASSERT_EQ(frames[i].head[0], 69) << i;
+    ASSERT_EQ(frames[i].head[1], 52) << i;
   }
   for (std::size_t i = 0; i < frames.size(); ++i)
     for (int id : {1, 14, 15, 21, 22, 39, 51, 54})
@@ -202,8 +202,8 @@ TEST(SimExchange, CloseStopsStreamingUntilTheNextHello) {
   c.client->hello();
   ASSERT_TRUE(c.client->wait_count(after_close + 5, 1s));
   const auto front = c.client->frames_since(after_close).front();
-  EXPECT_EQ(front.head[0], 52);
-  EXPECT_EQ(front.head[1], 69);
+  EXPECT_EQ(front.head[0], 69);
+  EXPECT_EQ(front.head[1], 52);
 }
 
 // Sends a command type and the power-on, then lets the model run.
@@ -345,8 +345,8 @@ TEST(SimExchange, SettersAndPutFieldsReachTheClient) {
   EXPECT_FLOAT_EQ(r->articular_position[2], -1.f);
   for (const auto &f : c.client->frames_since(first)) {
     EXPECT_TRUE(f.decoded);
-    EXPECT_EQ(f.head[0], 52);
-    EXPECT_EQ(f.head[1], 69);
+    EXPECT_EQ(f.head[0], 69);
+    EXPECT_EQ(f.head[1], 52);
   }
 }
 
@@ -440,8 +440,8 @@ TEST(SimExchange, TraceHoldsEveryFrameInAndOut) {
       ++in;
     if (s.find(",out,") != std::string::npos) {
       if (out == 0)
-        counts_first =
-            s.find(",1=") != std::string::npos && s.find(";52=1;69=6") != std::string::npos;
+        counts_first = s.find(",1=") != std::string::npos &&
+                       s.find(";52=1;") != std::string::npos && s.find(";69=6") != std::string::npos;
       ++out;
     }
     if (s.find(",in,malformed,bytes=4") != std::string::npos)
