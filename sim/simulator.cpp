@@ -685,8 +685,9 @@ void Simulator::Impl::tick(int64_t now) {
     }
     if (traj_remaining > 0) {
       st.list_index = traj_index;
-      const Pose &sample =
-          traj_path.empty() ? p : traj_path[static_cast<std::size_t>(traj_index) % traj_path.size()];
+      const Pose &sample = traj_path.empty()
+                               ? p
+                               : traj_path[static_cast<std::size_t>(traj_index) % traj_path.size()];
       if (traj_index < kTrajSampleRoom)
         std::copy(sample.begin(), sample.end(), traj[static_cast<std::size_t>(traj_index)].begin());
       st.field_changed[kTrajSample] = 1;
@@ -742,8 +743,9 @@ uint32_t Simulator::Impl::encode_state_frame() {
   std::copy(body.begin(), body.end(), std::begin(st.field_changed));
   st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 0;
   const uint32_t rest =
-      head == kCodecFailure ? kCodecFailure
-                            : encode_decode(kModeEncode, &st, payload.data() + head, kFrameCapacity - head);
+      head == kCodecFailure
+          ? kCodecFailure
+          : encode_decode(kModeEncode, &st, payload.data() + head, kFrameCapacity - head);
   st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 1; // for the trace
   if (rest == kCodecFailure || head + rest > kFrameCapacity)
     return kCodecFailure;

@@ -112,7 +112,9 @@ template <class... F> inline int finite_scalars_or_refused(F... values) {
 }
 
 // Masses, inertias, periods, time steps and time-outs: finite and above 0.
-inline bool finite_positive(double x) { return std::isfinite(x) && x > 0.0; }
+inline bool finite_positive(double x) {
+  return std::isfinite(x) && x > 0.0;
+}
 
 // A non-finite set-point must never reach the arm: the connection is closed
 // (the caller must not hold the lock) and, the context being gone, code 9 is

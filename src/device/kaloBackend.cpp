@@ -139,7 +139,7 @@ uint64_t getTime(KaloContext *context) {
 void *_backendThread(void *context) {
   auto *ctx = static_cast<KaloContext *>(context);
   unsigned char frame[kalo::kFrameCapacity];
-  int pending_request = 0; // identifier of the last query sent, 0 when none
+  int pending_request = 0;            // identifier of the last query sent, 0 when none
   uint64_t last_heard = getTime(ctx); // last state frame (or the start)
   uint64_t last_hello = last_heard;
 

@@ -53,7 +53,8 @@ void wait_for_watchdogs(KaloContext *ctx) {
 void end_waits(KaloContext *ctx) {
   ctx->waits_cancelled = 1;
   while (ctx->waiters.load() != 0) {
-    for (TR_SEMAPHORE *s : {ctx->reply_sem, ctx->traj_sample_sem, ctx->button_sem, ctx->upper_bound_sem})
+    for (TR_SEMAPHORE *s :
+         {ctx->reply_sem, ctx->traj_sample_sem, ctx->button_sem, ctx->upper_bound_sem})
       TR_poster_semaphore(s);
     TR_delai(0.001);
   }

@@ -194,12 +194,13 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
     }
     points = kalo::points_in_use(*context);
   }
-  const int walked = kalo::each_set_point(context, wrench, 6, points, [&](const float *entry, int32_t i) {
-    float converted[6];
-    ecriture_texture_force(context, entry, converted, i);
-    std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
-    return 0;
-  });
+  const int walked =
+      kalo::each_set_point(context, wrench, 6, points, [&](const float *entry, int32_t i) {
+        float converted[6];
+        ecriture_texture_force(context, entry, converted, i);
+        std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
+        return 0;
+      });
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);

@@ -38,7 +38,8 @@ int set_positive(KaloContext *ctx, float value, float KaloContext::*member) {
 
 // Copies N floats into a command field and marks it.
 template <size_t N>
-int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*member)[N], int field) {
+int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*member)[N],
+                int field) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_or_refused(values, static_cast<int>(N)) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
@@ -77,8 +78,9 @@ int query_gains(KaloContext *ctx, float *out, int field) {
     return -1;
   }
   return kalo::query_call(ctx, field, [&](KaloContext &c) {
-    std::memcpy(out, field == 2 ? c.state_record.simulation_stiffness : c.state_record.simulation_damping,
-                sizeof(float) * 6);
+    std::memcpy(
+        out, field == 2 ? c.state_record.simulation_stiffness : c.state_record.simulation_damping,
+        sizeof(float) * 6);
   });
 }
 
@@ -230,7 +232,8 @@ int32_t kaloSetCatchFrame(KaloContext *context, const float *frame) {
                                ? c.control_point_count
                                : kalo::kControlPointRoom;
     if (points > 0)
-      std::memcpy(c.command_record.catch_frame, frame, sizeof(float) * 7 * static_cast<size_t>(points));
+      std::memcpy(c.command_record.catch_frame, frame,
+                  sizeof(float) * 7 * static_cast<size_t>(points));
     kalo::post_field(c.command_record, 10);
     return KALO_NO_ERROR;
   });

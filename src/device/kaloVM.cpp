@@ -192,7 +192,9 @@ int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples) {
       return KALO_ERROR_INCORRECT_VM;
     if (samples == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    count = c.traj_requested < 0 ? 0 : (c.traj_requested > kMaxTrajSamples ? kMaxTrajSamples : c.traj_requested);
+    count = c.traj_requested < 0
+                ? 0
+                : (c.traj_requested > kMaxTrajSamples ? kMaxTrajSamples : c.traj_requested);
     received = c.state_record.list_index;
     return 0;
   });

@@ -137,7 +137,8 @@ int32_t kaloAttachQSVO(KaloContext *context, const float *stiffness, const float
   return attach(
       context, false,
       [&] {
-        return kalo::finite_or_refused(stiffness, 6) == 0 && kalo::finite_or_refused(damping, 6) == 0
+        return kalo::finite_or_refused(stiffness, 6) == 0 &&
+                       kalo::finite_or_refused(damping, 6) == 0
                    ? KALO_NO_ERROR
                    : KALO_ERROR_INCORRECT_VALUE;
       },
@@ -150,9 +151,13 @@ int32_t kaloAttachQSVO(KaloContext *context, const float *stiffness, const float
       });
 }
 
-int32_t kaloDetachVO(KaloContext *context) { return detach(context, 11); }
+int32_t kaloDetachVO(KaloContext *context) {
+  return detach(context, 11);
+}
 
-int32_t kaloDetachVOAvatar(KaloContext *context) { return detach(context, 23); }
+int32_t kaloDetachVOAvatar(KaloContext *context) {
+  return detach(context, 23);
+}
 
 int32_t kaloModifGains(KaloContext *context) {
   if (!kalo::is_live(context)) {

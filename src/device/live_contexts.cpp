@@ -10,7 +10,7 @@
 namespace kalo {
 namespace {
 
-constexpr std::size_t kLiveRoom = 256;    // more than the 64 sessions the transport holds
+constexpr std::size_t kLiveRoom = 256; // more than the 64 sessions the transport holds
 constexpr std::size_t kRetiredRoom = 4096;
 
 struct Registry {

@@ -47,7 +47,7 @@ struct RxFrame {
   int16_t buttons = 0;
   int32_t traj_index = -1; // list_index of item 29 when carried
   std::size_t size = 0;
-  uint8_t head[2] = {};     // the first two identifiers (the counts, 69 then 52)
+  uint8_t head[2] = {}; // the first two identifiers (the counts, 69 then 52)
 };
 
 // The wall clock (the controller's stamps) minus the monotonic one, in us.

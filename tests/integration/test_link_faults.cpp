@@ -16,15 +16,18 @@ using Bytes = std::vector<uint8_t>;
 
 // The envelope around a payload: marker, length, payload, checksum.
 Bytes envelope(const Bytes &payload, std::size_t declared) {
-  Bytes d = {0xC3, 0x3C, static_cast<uint8_t>(declared & 0xFF), static_cast<uint8_t>(declared >> 8)};
-  d.insert(d.end(), payload.begin(), payload.begin() + static_cast<long>(std::min(declared, payload.size())));
+  Bytes d = {0xC3, 0x3C, static_cast<uint8_t>(declared & 0xFF),
+             static_cast<uint8_t>(declared >> 8)};
+  d.insert(d.end(), payload.begin(),
+           payload.begin() + static_cast<long>(std::min(declared, payload.size())));
   unsigned sum = 0;
   for (const uint8_t b : d)
     sum += b;
   const unsigned check = (0x10000u - (sum & 0xFFFFu)) & 0xFFFFu;
   d.push_back(static_cast<uint8_t>(check & 0xFF));
   d.push_back(static_cast<uint8_t>(check >> 8));
-  d.insert(d.end(), payload.begin() + static_cast<long>(std::min(declared, payload.size())), payload.end());
+  d.insert(d.end(), payload.begin() + static_cast<long>(std::min(declared, payload.size())),
+           payload.end());
   return d;
 }
 
@@ -63,7 +66,8 @@ struct Hostile {
 
 TEST(LinkFaults, HostileDatagramsCorruptNothingFromAnySender) {
   const std::vector<Hostile> hostile = {
-      {"item 30 = 3000 after sampling 10", {0xc3, 0x3c, 0x05, 0x00, 0x1e, 0x00, 0x00, 0x0b, 0xb8, 0x1b, 0xfe}},
+      {"item 30 = 3000 after sampling 10",
+       {0xc3, 0x3c, 0x05, 0x00, 0x1e, 0x00, 0x00, 0x0b, 0xb8, 0x1b, 0xfe}},
       {"item 52 = 1000", {0xc3, 0x3c, 0x05, 0x00, 0x34, 0x00, 0x00, 0x03, 0xe8, 0xdd, 0xfd}},
       {"item 52 = 2, a count the frames do not follow", envelope({0x34, 0, 0, 0, 2}, 5)},
       {"short: declares one byte, carries five", envelope({0x16, 0, 1, 0, 0}, 1)},
@@ -78,7 +82,8 @@ TEST(LinkFaults, HostileDatagramsCorruptNothingFromAnySender) {
   float x = 0.01f;
   for (const bool from_controller : {false, true}) {
     for (const Hostile &h : hostile) {
-      SCOPED_TRACE(std::string(h.what) + (from_controller ? ", from the controller's port" : ", from another port"));
+      SCOPED_TRACE(std::string(h.what) +
+                   (from_controller ? ", from the controller's port" : ", from another port"));
       ASSERT_EQ(kaloVmStartTrajSampling(ctx, 10), 0);
       if (from_controller)
         link.sim.send_datagram(h.datagram);

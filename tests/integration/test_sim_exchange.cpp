@@ -441,7 +441,8 @@ TEST(SimExchange, TraceHoldsEveryFrameInAndOut) {
     if (s.find(",out,") != std::string::npos) {
       if (out == 0)
         counts_first = s.find(",1=") != std::string::npos &&
-                       s.find(";52=1;") != std::string::npos && s.find(";69=6") != std::string::npos;
+                       s.find(";52=1;") != std::string::npos &&
+                       s.find(";69=6") != std::string::npos;
       ++out;
     }
     if (s.find(",in,malformed,bytes=4") != std::string::npos)

@@ -34,9 +34,9 @@ TEST(CommandType, EachCallRunsOnlyInItsCommandTypes) {
   // Rows: command type 0..7; columns: set position, set speed, set force,
   // attach, get force; true where the call is refused with 17.
   const bool refused[8][5] = {
-      {true, true, true, true, true},     {true, false, true, true, true},
-      {false, false, true, false, false}, {false, true, false, false, true},
-      {false, false, true, false, false}, {false, false, true, false, false},
+      {true, true, true, true, true},      {true, false, true, true, true},
+      {false, false, true, false, false},  {false, true, false, false, true},
+      {false, false, true, false, false},  {false, false, true, false, false},
       {false, false, false, false, false}, {false, false, false, false, false},
   };
   for (uint32_t type = 0; type < 8; ++type) {
@@ -339,7 +339,8 @@ TEST(Parameters, AgeOfTheLastUpdateOnTheWallClock) {
   KaloContext *c = f.get();
   timeval tv{};
   gettimeofday(&tv, nullptr);
-  const uint32_t now = static_cast<uint32_t>(tv.tv_sec) * 1000000u + static_cast<uint32_t>(tv.tv_usec);
+  const uint32_t now =
+      static_cast<uint32_t>(tv.tv_sec) * 1000000u + static_cast<uint32_t>(tv.tv_usec);
   c->state_record.time_stamp = static_cast<int32_t>(now - 5000u);
   uint32_t age = 0;
   ASSERT_EQ(kaloGetTimeLastUpdate(c, &age), 0);

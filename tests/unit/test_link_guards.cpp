@@ -29,39 +29,128 @@ struct Row {
 // bad value in one place and valid values elsewhere.
 const std::vector<Row> &rows() {
   static const std::vector<Row> table = {
-      {"kaloSetArticularPosition", [](KaloContext *c, float x) { float q[6] = {0, 0, 0, x, 0, 0}; return kaloSetArticularPosition(c, q); }},
-      {"kaloSetArticularSpeed", [](KaloContext *c, float x) { float q[6] = {0, 0, 0, 0, 0, x}; return kaloSetArticularSpeed(c, q); }},
-      {"kaloSetArticularForce", [](KaloContext *c, float x) { float q[6] = {x, 0, 0, 0, 0, 0}; return kaloSetArticularForce(c, q); }},
-      {"kaloSetArticularPositionOfAdditionalAxe", [](KaloContext *c, float x) { return kaloSetArticularPositionOfAdditionalAxe(c, &x); }},
-      {"kaloSetArticularSpeedOfAdditionalAxe", [](KaloContext *c, float x) { return kaloSetArticularSpeedOfAdditionalAxe(c, &x); }},
-      {"kaloSetArticularForceOfAdditionalAxe", [](KaloContext *c, float x) { return kaloSetArticularForceOfAdditionalAxe(c, &x); }},
-      {"kaloSetPwmOutput", [](KaloContext *c, float x) { float v[7] = {0, 0, 0, 0, 0, 0, x}; return kaloSetPwmOutput(c, v); }},
-      {"kaloSetFingerTipSpeed", [](KaloContext *c, float x) { float v[5] = {0, 0, x, 0, 0}; return kaloSetFingerTipSpeed(c, v); }},
-      {"kaloSetFrictionForce", [](KaloContext *c, float x) { return kaloSetFrictionForce(c, 0, x, 0); }},
-      {"kaloSetTexture", [](KaloContext *c, float x) { float p[7] = {0, x, 0, 0, 0, 0, 1}; float i = 0.5f; return kaloSetTexture(c, p, &i, 0); }},
-      {"kaloVmSetBaseFrame", [](KaloContext *c, float x) { float f[7] = {x, 0, 0, 0, 0, 0, 1}; return kaloVmSetBaseFrame(c, f); }},
-      {"kaloVmSetMinArtiBounds", [](KaloContext *c, float x) { float b[10] = {0, 0, 0, 0, 0, 0, 0, 0, 0, x}; return kaloVmSetMinArtiBounds(c, b); }},
-      {"kaloVmSetMaxArtiBounds", [](KaloContext *c, float x) { float b[10] = {x}; return kaloVmSetMaxArtiBounds(c, b); }},
-      {"kaloActiveSpeedControl", [](KaloContext *c, float x) { return kaloActiveSpeedControl(c, x, 1); }},
-      {"kaloActiveRotationSpeedControl", [](KaloContext *c, float x) { return kaloActiveRotationSpeedControl(c, 1, x); }},
-      {"kaloSetForceInSpeedControl", [](KaloContext *c, float x) { return kaloSetForceInSpeedControl(c, x); }},
-      {"kaloSetTorqueInSpeedControl", [](KaloContext *c, float x) { return kaloSetTorqueInSpeedControl(c, x); }},
+      {"kaloSetArticularPosition",
+       [](KaloContext *c, float x) {
+         float q[6] = {0, 0, 0, x, 0, 0};
+         return kaloSetArticularPosition(c, q);
+       }},
+      {"kaloSetArticularSpeed",
+       [](KaloContext *c, float x) {
+         float q[6] = {0, 0, 0, 0, 0, x};
+         return kaloSetArticularSpeed(c, q);
+       }},
+      {"kaloSetArticularForce",
+       [](KaloContext *c, float x) {
+         float q[6] = {x, 0, 0, 0, 0, 0};
+         return kaloSetArticularForce(c, q);
+       }},
+      {"kaloSetArticularPositionOfAdditionalAxe",
+       [](KaloContext *c, float x) { return kaloSetArticularPositionOfAdditionalAxe(c, &x); }},
+      {"kaloSetArticularSpeedOfAdditionalAxe",
+       [](KaloContext *c, float x) { return kaloSetArticularSpeedOfAdditionalAxe(c, &x); }},
+      {"kaloSetArticularForceOfAdditionalAxe",
+       [](KaloContext *c, float x) { return kaloSetArticularForceOfAdditionalAxe(c, &x); }},
+      {"kaloSetPwmOutput",
+       [](KaloContext *c, float x) {
+         float v[7] = {0, 0, 0, 0, 0, 0, x};
+         return kaloSetPwmOutput(c, v);
+       }},
+      {"kaloSetFingerTipSpeed",
+       [](KaloContext *c, float x) {
+         float v[5] = {0, 0, x, 0, 0};
+         return kaloSetFingerTipSpeed(c, v);
+       }},
+      {"kaloSetFrictionForce",
+       [](KaloContext *c, float x) { return kaloSetFrictionForce(c, 0, x, 0); }},
+      {"kaloSetTexture",
+       [](KaloContext *c, float x) {
+         float p[7] = {0, x, 0, 0, 0, 0, 1};
+         float i = 0.5f;
+         return kaloSetTexture(c, p, &i, 0);
+       }},
+      {"kaloVmSetBaseFrame",
+       [](KaloContext *c, float x) {
+         float f[7] = {x, 0, 0, 0, 0, 0, 1};
+         return kaloVmSetBaseFrame(c, f);
+       }},
+      {"kaloVmSetMinArtiBounds",
+       [](KaloContext *c, float x) {
+         float b[10] = {0, 0, 0, 0, 0, 0, 0, 0, 0, x};
+         return kaloVmSetMinArtiBounds(c, b);
+       }},
+      {"kaloVmSetMaxArtiBounds",
+       [](KaloContext *c, float x) {
+         float b[10] = {x};
+         return kaloVmSetMaxArtiBounds(c, b);
+       }},
+      {"kaloActiveSpeedControl",
+       [](KaloContext *c, float x) { return kaloActiveSpeedControl(c, x, 1); }},
+      {"kaloActiveRotationSpeedControl",
+       [](KaloContext *c, float x) { return kaloActiveRotationSpeedControl(c, 1, x); }},
+      {"kaloSetForceInSpeedControl",
+       [](KaloContext *c, float x) { return kaloSetForceInSpeedControl(c, x); }},
+      {"kaloSetTorqueInSpeedControl",
+       [](KaloContext *c, float x) { return kaloSetTorqueInSpeedControl(c, x); }},
       {"kaloSetSpeedFactor", [](KaloContext *c, float x) { return kaloSetSpeedFactor(c, x); }},
       {"kaloSetForceFactor", [](KaloContext *c, float x) { return kaloSetForceFactor(c, x); }},
       {"kaloSaturateTorque", [](KaloContext *c, float x) { return kaloSaturateTorque(c, x, 1); }},
-      {"kaloSetSimulationStiffness", [](KaloContext *c, float x) { float k[6] = {1, 1, x, 1, 1, 1}; return kaloSetSimulationStiffness(c, k); }},
-      {"kaloSetSimulationDamping", [](KaloContext *c, float x) { float b[6] = {1, 1, 1, 1, 1, x}; return kaloSetSimulationDamping(c, b); }},
-      {"kaloSetObservationFrameSpeed", [](KaloContext *c, float x) { float v[6] = {x}; return kaloSetObservationFrameSpeed(c, v); }},
-      {"kaloSetObservationFrame", [](KaloContext *c, float x) { float f[7] = {0, x, 0, 0, 0, 0, 1}; return kaloSetObservationFrame(c, f); }},
-      {"kaloSetBaseFrame", [](KaloContext *c, float x) { float f[7] = {0, 0, x, 0, 0, 0, 1}; return kaloSetBaseFrame(c, f); }},
-      {"kaloSetCatchFrame", [](KaloContext *c, float x) { float f[7] = {x, 0, 0, 0, 0, 0, 1}; return kaloSetCatchFrame(c, f); }},
-      {"kaloAttachQSVO", [](KaloContext *c, float x) { float k[6] = {1, 1, 1, 1, x, 1}; float b[6] = {1, 1, 1, 1, 1, 1}; return kaloAttachQSVO(c, k, b); }},
-      {"kaloAttachVO inertia", [](KaloContext *c, float x) { float i[9] = {1, 0, 0, 0, x, 0, 0, 0, 1}; return kaloAttachVO(c, i, 1); }},
-      {"kaloAttachVO mass", [](KaloContext *c, float x) { float i[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1}; return kaloAttachVO(c, i, x); }},
-      {"kaloAttachVOAvatar inertia", [](KaloContext *c, float x) { float i[9] = {1, 0, x, 0, 1, 0, 0, 0, 1}; return kaloAttachVOAvatar(c, i, 1); }},
+      {"kaloSetSimulationStiffness",
+       [](KaloContext *c, float x) {
+         float k[6] = {1, 1, x, 1, 1, 1};
+         return kaloSetSimulationStiffness(c, k);
+       }},
+      {"kaloSetSimulationDamping",
+       [](KaloContext *c, float x) {
+         float b[6] = {1, 1, 1, 1, 1, x};
+         return kaloSetSimulationDamping(c, b);
+       }},
+      {"kaloSetObservationFrameSpeed",
+       [](KaloContext *c, float x) {
+         float v[6] = {x};
+         return kaloSetObservationFrameSpeed(c, v);
+       }},
+      {"kaloSetObservationFrame",
+       [](KaloContext *c, float x) {
+         float f[7] = {0, x, 0, 0, 0, 0, 1};
+         return kaloSetObservationFrame(c, f);
+       }},
+      {"kaloSetBaseFrame",
+       [](KaloContext *c, float x) {
+         float f[7] = {0, 0, x, 0, 0, 0, 1};
+         return kaloSetBaseFrame(c, f);
+       }},
+      {"kaloSetCatchFrame",
+       [](KaloContext *c, float x) {
+         float f[7] = {x, 0, 0, 0, 0, 0, 1};
+         return kaloSetCatchFrame(c, f);
+       }},
+      {"kaloAttachQSVO",
+       [](KaloContext *c, float x) {
+         float k[6] = {1, 1, 1, 1, x, 1};
+         float b[6] = {1, 1, 1, 1, 1, 1};
+         return kaloAttachQSVO(c, k, b);
+       }},
+      {"kaloAttachVO inertia",
+       [](KaloContext *c, float x) {
+         float i[9] = {1, 0, 0, 0, x, 0, 0, 0, 1};
+         return kaloAttachVO(c, i, 1);
+       }},
+      {"kaloAttachVO mass",
+       [](KaloContext *c, float x) {
+         float i[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+         return kaloAttachVO(c, i, x);
+       }},
+      {"kaloAttachVOAvatar inertia",
+       [](KaloContext *c, float x) {
+         float i[9] = {1, 0, x, 0, 1, 0, 0, 0, 1};
+         return kaloAttachVOAvatar(c, i, 1);
+       }},
       {"kaloSetTimeStep", [](KaloContext *c, float x) { return kaloSetTimeStep(c, x); }},
       {"kaloSetTimeoutValue", [](KaloContext *c, float x) { return kaloSetTimeoutValue(c, x); }},
-      {"kaloSetPeriodicFunction", [](KaloContext *c, float x) { return kaloSetPeriodicFunction(c, dummy_periodic, &x, nullptr); }},
+      {"kaloSetPeriodicFunction",
+       [](KaloContext *c, float x) {
+         return kaloSetPeriodicFunction(c, dummy_periodic, &x, nullptr);
+       }},
   };
   return table;
 }
@@ -69,9 +158,9 @@ const std::vector<Row> &rows() {
 // Calls that keep their value rather than send it, and the ones that take a
 // mass, a period or a factor, must also refuse what is not above 0.
 bool must_be_positive(const std::string &call) {
-  for (const char *name : {"kaloSetTimeStep", "kaloSetTimeoutValue", "kaloSetPeriodicFunction",
-                           "kaloAttachVO mass", "kaloSetSpeedFactor", "kaloSetForceFactor",
-                           "kaloSaturateTorque"})
+  for (const char *name :
+       {"kaloSetTimeStep", "kaloSetTimeoutValue", "kaloSetPeriodicFunction", "kaloAttachVO mass",
+        "kaloSetSpeedFactor", "kaloSetForceFactor", "kaloSaturateTorque"})
     if (call == name)
       return true;
   return false;
