@@ -169,6 +169,13 @@ constexpr int kReplyTimeoutMs = 2000;
 // around it). kaloClose cancels the waits, wakes them and frees nothing while
 // a guard is alive; a wait that finds the waits cancelled ends with -1 and
 // code 2, in the context and in kaloGlobalError (the context is about to go).
+// Several woken waiters write the plain global at once: one at a time.
+inline void report_closed_wait() {
+  static std::mutex global_error_writes;
+  std::lock_guard<std::mutex> hold(global_error_writes);
+  kaloGlobalError = KALO_ERROR_COMMUNICATION;
+}
+
 class WaitGuard {
 public:
   explicit WaitGuard(KaloContext *ctx) : ctx_(ctx) { ctx_->waiters.fetch_add(1); }
@@ -181,7 +188,7 @@ public:
       return false;
     ctx_->error_code = KALO_ERROR_COMMUNICATION;
     if (ctx_->closing_thread.load() != std::this_thread::get_id()) // the close's own queries
-      kaloGlobalError = KALO_ERROR_COMMUNICATION;
+      report_closed_wait();
     return true;
   }
 
