@@ -43,6 +43,15 @@ int64_t now_ns() {
   return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
+// State frames are stamped with the low 32 bits of the wall clock in
+// microseconds, as a controller with a synchronised clock does.
+uint32_t wall_clock_us_low32() {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<uint32_t>(static_cast<uint64_t>(ts.tv_sec) * 1000000u +
+                               static_cast<uint64_t>(ts.tv_nsec) / 1000u);
+}
+
 void sleep_until_ns(int64_t t) {
   timespec ts{};
   ts.tv_sec = t / 1000000000;
@@ -212,6 +221,7 @@ struct Simulator::Impl {
     int64_t silent_until = 0;
     std::optional<Faults> faults;
     bool restart = false;
+    std::vector<std::vector<uint8_t>> raw; // datagrams to send as they are
   } in;
   DeviceState published;
   std::deque<ReceivedFrame> received;
@@ -230,7 +240,6 @@ struct Simulator::Impl {
   bool have_client = false, paused = false;
   sockaddr_in client{};
   int ncp = 1, nax = 6;
-  bool counts_due = false;
   std::array<bool, kFieldCount + 1> pending{};
   bool echo_upper_bound = false;
   int32_t traj_remaining = 0, traj_index = 0;
@@ -244,6 +253,7 @@ struct Simulator::Impl {
   Faults faults;
   Random random;
   std::vector<Override> once_local, persistent_local;
+  std::vector<std::vector<uint8_t>> raw_local;
   std::vector<DelaySlot> delay_queue; // ring buffer, allocated on first use
   std::size_t delay_head = 0, delay_count = 0;
   std::array<unsigned char, kFrameCapacity> payload{};
@@ -255,6 +265,7 @@ struct Simulator::Impl {
   void log(int level, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
   bool open_socket(std::string *error);
   void init_records();
+  void reset_records();
   void run();
   void drain(int64_t now);
   void handle_datagram(const unsigned char *data, std::size_t size, const sockaddr_in &from,
@@ -263,6 +274,7 @@ struct Simulator::Impl {
   void forget_client(bool reset_power);
   void apply_inputs_locked();
   void tick(int64_t now);
+  uint32_t encode_state_frame();
   void send_frame(std::size_t size, int64_t now);
   void transmit(const unsigned char *bytes, std::size_t size);
   void flush_delayed(int64_t now);
@@ -312,12 +324,24 @@ bool Simulator::Impl::open_socket(std::string *error) {
 }
 
 void Simulator::Impl::init_records() {
-  st = ExchangeRecord{};
-  cmd = ExchangeRecord{};
   ncp = std::max(0, cfg.control_points);
   nax = std::max(0, cfg.axes);
   in.ncp = ncp;
   in.nax = nax;
+  traj.assign(kTrajSampleRoom, std::array<float, 7>{});
+  reset_records();
+  faults = cfg.faults;
+  random.seed(faults.seed);
+  model.set_hand(cfg.hand);
+  once_local.reserve(16);
+  persistent_local.reserve(16);
+  line.reserve(8192);
+}
+
+// The controller's memory: what it reports and what its clients set.
+void Simulator::Impl::reset_records() {
+  st = ExchangeRecord{};
+  cmd = ExchangeRecord{};
   st.control_point_count = ncp;
   st.axis_count_wire = nax;
   st.controller_version[0] = cfg.version_major;
@@ -333,17 +357,10 @@ void Simulator::Impl::init_records() {
   st.axis_of_rotation[2] = 1;
   st.position[6] = 1;
   st.physical_position[6] = 1;
-  traj.assign(kTrajSampleRoom, std::array<float, 7>{});
   st.traj_samples = reinterpret_cast<float(*)[7]>(traj.data());
   cmd.control_point_count = ncp;
   cmd.axis_count_wire = nax;
   power = cfg.power_on;
-  faults = cfg.faults;
-  random.seed(faults.seed);
-  model.set_hand(cfg.hand);
-  once_local.reserve(16);
-  persistent_local.reserve(16);
-  line.reserve(8192);
 }
 
 void Simulator::Impl::forget_client(bool reset_power) {
@@ -351,7 +368,6 @@ void Simulator::Impl::forget_client(bool reset_power) {
   pending.fill(false);
   echo_upper_bound = false;
   traj_remaining = 0;
-  counts_due = false;
   mode_byte = 0;
   st.command_type = 0;
   has_pos_target = has_speed_target = false;
@@ -448,11 +464,13 @@ void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t siz
 void Simulator::Impl::react(const sockaddr_in &from, int64_t now) {
   const auto &changed = cmd.field_changed;
   if (changed[kHello]) {
-    forget_client(false);
+    // A hello from the client being served (it heard nothing for a while)
+    // resumes the connection as it was; anyone else's starts a new one.
+    if (!(have_client && same_peer(from, client)))
+      forget_client(false);
     have_client = true;
     client = from;
-    counts_due = true;       // the counts go first, in a frame of their own
-    for (int id : kSnapshot) // then the device's state that is not in every frame
+    for (int id : kSnapshot) // the device's state that is not in every frame
       pending[static_cast<std::size_t>(id)] = true;
     counters.connections.fetch_add(1, std::memory_order_relaxed);
     char host[INET_ADDRSTRLEN] = "?";
@@ -500,7 +518,7 @@ void Simulator::Impl::react(const sockaddr_in &from, int64_t now) {
     const int id = cmd.request;
     log(2, "request %d (%s)", id, field_layout(id).name);
     if (id == kPointCount || id == kAxisCount)
-      counts_due = true;
+      ; // in every frame anyway
     else if (id >= 1 && id <= kFieldCount && id != kHello && id != kClose && id != kTrajSample)
       pending[static_cast<std::size_t>(id)] = true;
   }
@@ -572,7 +590,6 @@ void Simulator::Impl::apply_inputs_locked() {
     nax = in.nax;
     cmd.control_point_count = ncp;
     cmd.axis_count_wire = nax;
-    counts_due = have_client;
     in.counts_dirty = false;
   }
   for (Override &o : in.once)
@@ -590,11 +607,20 @@ void Simulator::Impl::apply_inputs_locked() {
     in.faults.reset();
   }
   if (in.restart) {
+    // As a reboot: the client, what it set and what was in flight are gone;
+    // only a new hello starts the stream again.
     in.restart = false;
     if (have_client)
       log(1, "restart: client forgotten");
     forget_client(true);
+    reset_records();
+    delay_head = delay_count = 0;
+    raw_local.clear();
+    in.raw.clear();
   }
+  for (auto &d : in.raw)
+    raw_local.push_back(std::move(d));
+  in.raw.clear();
 }
 
 void Simulator::Impl::publish_locked() {
@@ -644,53 +670,49 @@ void Simulator::Impl::tick(int64_t now) {
   const bool sending = have_client && !paused && now >= silent_until;
   if (sending) {
     clear_changes(st);
-    st.time_stamp = static_cast<int32_t>(static_cast<uint32_t>(now / 1000));
+    st.time_stamp = static_cast<int32_t>(wall_clock_us_low32());
     st.field_changed[1] = 1;
-    if (counts_due) {
-      st.control_point_count = ncp;
-      st.axis_count_wire = nax;
-      st.field_changed[kPointCount] = 1;
-      st.field_changed[kAxisCount] = 1;
-      counts_due = false;
-    } else {
-      for (int id : {14, 15, 21, 22, 39, 51, 54})
+    for (int id : {14, 15, 21, 22, 39, 51, 54})
+      st.field_changed[id] = 1;
+    for (int id = 1; id <= kFieldCount; ++id)
+      if (pending[static_cast<std::size_t>(id)]) {
         st.field_changed[id] = 1;
-      for (int id = 1; id <= kFieldCount; ++id)
-        if (pending[static_cast<std::size_t>(id)]) {
-          st.field_changed[id] = 1;
-          pending[static_cast<std::size_t>(id)] = false;
-        }
-      if (echo_upper_bound) {
-        st.field_changed[kUpperBound] = 1;
-        echo_upper_bound = false;
+        pending[static_cast<std::size_t>(id)] = false;
       }
-      if (traj_remaining > 0) {
-        st.list_index = traj_index;
-        const Pose &sample =
-            traj_path.empty() ? p : traj_path[static_cast<std::size_t>(traj_index) % traj_path.size()];
-        if (traj_index < kTrajSampleRoom)
-          std::copy(sample.begin(), sample.end(), traj[static_cast<std::size_t>(traj_index)].begin());
-        st.field_changed[kTrajSample] = 1;
-        ++traj_index;
-        --traj_remaining;
-      }
-      for (auto *list : {&persistent_local, &once_local})
-        for (const Override &o : *list) {
-          put_values(st, o.id, o.values);
-          if (o.id == kTrajSample && st.list_index >= 0 && st.list_index < kTrajSampleRoom)
-            std::copy(o.values.begin() + std::min<std::size_t>(1, o.values.size()),
-                      o.values.begin() + std::min<std::size_t>(8, o.values.size()),
-                      traj[static_cast<std::size_t>(st.list_index)].begin());
-          st.field_changed[o.id] = 1;
-        }
-      once_local.clear();
+    if (echo_upper_bound) {
+      st.field_changed[kUpperBound] = 1;
+      echo_upper_bound = false;
     }
+    if (traj_remaining > 0) {
+      st.list_index = traj_index;
+      const Pose &sample = traj_path.empty()
+                               ? p
+                               : traj_path[static_cast<std::size_t>(traj_index) % traj_path.size()];
+      if (traj_index < kTrajSampleRoom)
+        std::copy(sample.begin(), sample.end(), traj[static_cast<std::size_t>(traj_index)].begin());
+      st.field_changed[kTrajSample] = 1;
+      ++traj_index;
+      --traj_remaining;
+    }
+    for (auto *list : {&persistent_local, &once_local})
+      for (const Override &o : *list) {
+        // The counts are the simulator's own (set_counts): a frame sized by a
+        // count the record cannot hold would be read past its members.
+        if (o.id == kPointCount || o.id == kAxisCount)
+          continue;
+        put_values(st, o.id, o.values);
+        if (o.id == kTrajSample && st.list_index >= 0 && st.list_index < kTrajSampleRoom)
+          std::copy(o.values.begin() + std::min<std::size_t>(1, o.values.size()),
+                    o.values.begin() + std::min<std::size_t>(8, o.values.size()),
+                    traj[static_cast<std::size_t>(st.list_index)].begin());
+        st.field_changed[o.id] = 1;
+      }
+    once_local.clear();
     const int32_t index = st.list_index;
-    const uint32_t size = encode_decode(kModeEncode, &st, payload.data(), kFrameCapacity);
+    const uint32_t size = encode_state_frame();
     if (size == kCodecFailure) {
       log(0, "state frame does not fit in %u bytes: fields put by the test are dropped",
           kFrameCapacity);
-      once_local.clear();
     } else {
       if (trace.is_open()) {
         st.list_index = index;
@@ -698,9 +720,36 @@ void Simulator::Impl::tick(int64_t now) {
       }
       send_frame(size, now);
     }
+    for (const auto &d : raw_local)
+      transmit(d.data(), d.size());
+    raw_local.clear();
   }
   std::lock_guard<std::mutex> lock(mutex);
   publish_locked();
+}
+
+// The counts (items 52 and 69) head every state frame, so that the items
+// they size are always read with the counts of the same frame and no single
+// lost frame can desynchronise a client. The rest follows in the usual
+// descending order.
+uint32_t Simulator::Impl::encode_state_frame() {
+  std::array<uint32_t, kFieldCount + 1> body{};
+  std::copy(std::begin(st.field_changed), std::end(st.field_changed), body.begin());
+  clear_changes(st);
+  st.control_point_count = ncp;
+  st.axis_count_wire = nax;
+  st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 1;
+  const uint32_t head = encode_decode(kModeEncode, &st, payload.data(), kFrameCapacity);
+  std::copy(body.begin(), body.end(), std::begin(st.field_changed));
+  st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 0;
+  const uint32_t rest =
+      head == kCodecFailure
+          ? kCodecFailure
+          : encode_decode(kModeEncode, &st, payload.data() + head, kFrameCapacity - head);
+  st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 1; // for the trace
+  if (rest == kCodecFailure || head + rest > kFrameCapacity)
+    return kCodecFailure;
+  return head + rest;
 }
 
 void Simulator::Impl::transmit(const unsigned char *bytes, std::size_t size) {
@@ -1061,6 +1110,9 @@ void Simulator::go_silent(std::chrono::milliseconds duration) {
 }
 void Simulator::restart() {
   KALO_SIM_SET(in.restart = true);
+}
+void Simulator::send_datagram(std::span<const uint8_t> bytes) {
+  KALO_SIM_SET(in.raw.emplace_back(bytes.begin(), bytes.end()));
 }
 
 #undef KALO_SIM_SET

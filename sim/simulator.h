@@ -3,18 +3,19 @@
 //
 // Life of a connection, as the controller sees it:
 //   1. start() binds the port and waits for a client's first frame (item 44).
-//   2. Right after the hello it sends a frame carrying only the time stamp and
-//      the counts (items 52 and 69), because the client decodes per-point and
-//      per-axis items with the counts it already holds. It does so again,
-//      alone, whenever the counts change (set_counts).
-//   3. Then, every period, a state frame with at least the time stamp (1),
+//   2. Every state frame begins with the counts (items 69 then 52), so that the
+//      per-point and per-axis items after them are always read with the
+//      counts of the same frame. Frames are stamped (item 1) with the low 32
+//      bits of the wall clock in microseconds.
+//   3. Every period, a state frame with at least the time stamp (1),
 //      position (14), speed (15), failure (21), buttons (22), alarm (54) and
 //      physical position and speed (39, 51); plus, once, every item the client
 //      asked for (item 20 carrying N), item 49 when the client sent 49, one
 //      item-29 sample per frame after a sampling start (item 30), every value
 //      a setter changed, and the fields a test put in.
 //   4. Item 37 ends the connection: nothing more is sent to that client and
-//      the simulator waits for a new hello (from anyone).
+//      the simulator waits for a new hello (from anyone). A hello from the
+//      client being served resumes its connection unchanged.
 //
 // Everything here is thread-safe; the frame loop runs on its own thread and
 // is paced on absolute deadlines, so it holds 10 kHz on an idle machine.
@@ -168,7 +169,7 @@ public:
   void set_pose(const Pose &);                           // moves the handle there, at rest
   void set_power(bool on);                               // as if item 25 had arrived
   void set_hand(const Hand &);                           // the scripted operator hand
-  // Changes the counts (items 52 and 69); they go out in a frame of their own.
+  // Changes the counts (items 52 and 69), which head every frame.
   void set_counts(int control_points, int axes);
 
   // ---- arbitrary fields ----
@@ -176,7 +177,7 @@ public:
   // truncated), into the next state frame; with persistent, into every frame
   // until clear_fields(). The values are applied after the model's, so they
   // override them. Item 29 takes the index then 7 floats. An id outside 1..92
-  // is ignored.
+  // is ignored, and so are 52 and 69 (set_counts; send_datagram for others).
   void put_field(int id, std::span<const double> values, bool persistent = false);
   void put_field(int id, std::initializer_list<double> values, bool persistent = false) {
     put_field(id, std::span<const double>(values.begin(), values.size()), persistent);
@@ -192,8 +193,13 @@ public:
   // Sends nothing for the given time, then goes on where it was.
   void go_silent(std::chrono::milliseconds duration);
   // Forgets the client as a rebooted controller would: streaming stops until
-  // a new hello; the command type, power and pending requests are reset.
+  // a new hello; the command type, power, pending requests, everything the
+  // client set and every frame in flight are gone.
   void restart();
+  // Sends these bytes, as they are, from the controller's port to the client
+  // after the next state frame (for tests of what a client makes of a bad or
+  // hostile datagram). Nothing is sent while no client is served.
+  void send_datagram(std::span<const uint8_t> bytes);
 
   // ---- frames received from clients ----
   // Hands over (and forgets) every frame received so far, oldest first.

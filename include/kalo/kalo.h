@@ -1758,14 +1758,17 @@ KALO_API int32_t kaloDetachVOAvatar(KaloContext *context);
  * on the observation frame's axes. With one control point, once the arm has
  * reached the object after an attach (within 2 mm and 0.02 rad), the gains
  * go to the controller, which takes a few frames. A pose from the controller
- * that is not a valid displacement never yields a non-finite wrench.
+ * that is not a valid displacement (a zero quaternion) never yields a
+ * non-finite wrench: that point's wrench is zero and the call returns -1 with
+ * #KALO_ERROR_INCORRECT_VALUE, the other points being computed as usual.
  *
  * @param[in] context The connection.
  * @param[out] force 6 floats per control point: fx, fy, fz (N), then mx, my,
  *                   mz (N.m).
  * @retval 0 Success.
  * @retval -1 #KALO_ERROR_WRONG_COMMAND_MODE: command type 0 or 3;
- *         #KALO_ERROR_INCORRECT_VALUE: @p force NULL;
+ *         #KALO_ERROR_INCORRECT_VALUE: @p force NULL, or the controller's
+ *         pose of a point is not valid (its wrench is zero);
  *         #KALO_ERROR_INVALID_CONTEXT (in #kaloGlobalError) or
  *         #KALO_ERROR_COMMUNICATION.
  */

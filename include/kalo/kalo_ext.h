@@ -133,8 +133,8 @@ KALO_API int32_t kaloExtStopRecording(KaloContext *context);
 /** The watchdog found no frame for one period and dropped the link: value is
  *  the time since the last state frame (s), threshold the period (s). */
 #define KALO_EXT_EVENT_WATCHDOG 3
-/** A datagram from a sender other than the controller was dropped: value is
- *  the sender's port, threshold the controller's port. At most one a second. */
+/** A datagram from a sender other than the controller was dropped (value and
+ *  threshold 0; the count is in the link statistics). At most one a second. */
 #define KALO_EXT_EVENT_FOREIGN_DATAGRAM 4
 /** A command frame could not be sent; the link is dropped: value is errno. */
 #define KALO_EXT_EVENT_SEND_FAILED 5

@@ -4,14 +4,24 @@
 // call returns -1.
 #pragma once
 
+#include <cmath>
+
 #include "device/context.h"
 #include "device/events.h"
+#include "device/live_contexts.h"
 #include "kalo/kalo.h"
 
 namespace kalo {
 
-// True when the handle points at a live context.
-inline bool is_live(const KaloContext *ctx) { return ctx != nullptr && ctx->magic == kContextMagic; }
+// True when the handle points at a live context. A closed handle is known to
+// the registry and its memory is never read.
+inline bool is_live(const KaloContext *ctx) {
+  if (ctx == nullptr)
+    return false;
+  if (&handle_state != nullptr && handle_state(ctx) == HandleState::stale)
+    return false;
+  return ctx->magic == kContextMagic;
+}
 
 // The controller-version gate: the single-precision version, widened, must be
 // above the call's minimum. A null handle is left to the handle check.
@@ -91,6 +101,22 @@ inline bool all_finite(const float *v, int n) {
   return true;
 }
 
+// The test of every value that is sent to the controller outside the five
+// Cartesian set-points: a null array or a non-finite value gives code 9 and
+// the call sends nothing (the connection stays open). Returns 0 or the code.
+inline int finite_or_refused(const float *v, int n) {
+  return v != nullptr && all_finite(v, n) ? 0 : KALO_ERROR_INCORRECT_VALUE;
+}
+template <class... F> inline int finite_scalars_or_refused(F... values) {
+  const float v[] = {values...};
+  return finite_or_refused(v, static_cast<int>(sizeof...(values)));
+}
+
+// Masses, inertias, periods, time steps and time-outs: finite and above 0.
+inline bool finite_positive(double x) {
+  return std::isfinite(x) && x > 0.0;
+}
+
 // A non-finite set-point must never reach the arm: the connection is closed
 // (the caller must not hold the lock) and, the context being gone, code 9 is
 // reported in kaloGlobalError. The offending value of v[0..n) is kept as an
@@ -146,18 +172,49 @@ namespace kalo {
 // application's thread forever.
 constexpr int kReplyTimeoutMs = 2000;
 
-// Waits for a posted reply; false on time-out.
-inline bool wait_reply(KaloContext *ctx) {
+// Held by a thread for as long as it is inside a library wait (and the work
+// around it). kaloClose cancels the waits, wakes them and frees nothing while
+// a guard is alive; a wait that finds the waits cancelled ends with -1 and
+// code 2, in the context and in kaloGlobalError (the context is about to go).
+// Several woken waiters write the plain global at once: one at a time.
+inline void report_closed_wait() {
+  static std::mutex global_error_writes;
+  std::lock_guard<std::mutex> hold(global_error_writes);
+  kaloGlobalError = KALO_ERROR_COMMUNICATION;
+}
+
+class WaitGuard {
+public:
+  explicit WaitGuard(KaloContext *ctx) : ctx_(ctx) { ctx_->waiters.fetch_add(1); }
+  ~WaitGuard() { ctx_->waiters.fetch_sub(1); } // the last access when a close waits
+  WaitGuard(const WaitGuard &) = delete;
+  WaitGuard &operator=(const WaitGuard &) = delete;
+  // True (with the codes set) once kaloClose has cancelled the waits.
+  bool cancelled() const {
+    if (ctx_->waits_cancelled.load() == 0)
+      return false;
+    ctx_->error_code = KALO_ERROR_COMMUNICATION;
+    if (ctx_->closing_thread.load() != std::this_thread::get_id()) // the close's own queries
+      report_closed_wait();
+    return true;
+  }
+
+private:
+  KaloContext *ctx_;
+};
+
+// Waits for a post of s for at most ms milliseconds; false on time-out.
+inline bool timed_wait(TR_SEMAPHORE *s, int ms) {
   timespec deadline{};
   clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += kReplyTimeoutMs / 1000;
-  deadline.tv_nsec += static_cast<long>(kReplyTimeoutMs % 1000) * 1000000L;
+  deadline.tv_sec += ms / 1000;
+  deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
   if (deadline.tv_nsec >= 1000000000L) {
     deadline.tv_sec++;
     deadline.tv_nsec -= 1000000000L;
   }
   for (;;) {
-    if (sem_timedwait(&ctx->reply_sem->u.semaphore, &deadline) == 0)
+    if (sem_timedwait(&s->u.semaphore, &deadline) == 0)
       return true;
     if (errno != EINTR)
       return false;
@@ -173,7 +230,12 @@ inline bool wait_reply(KaloContext *ctx) {
 template <class Copy> int query_call(KaloContext *ctx, int wanted, Copy &&copy) {
   if (!enter(ctx))
     return -1;
+  WaitGuard guard(ctx);
+  if (guard.cancelled())
+    return -1;
   std::lock_guard<std::mutex> one_query_at_a_time(ctx->query_mutex);
+  if (guard.cancelled())
+    return -1;
   {
     ContextLock hold(ctx);
     // A reply that arrived after an earlier query gave up must not answer this one.
@@ -182,7 +244,10 @@ template <class Copy> int query_call(KaloContext *ctx, int wanted, Copy &&copy) 
     ctx->command_record.request = static_cast<int16_t>(wanted);
     post_field(ctx->command_record, 20);
   }
-  if (!wait_reply(ctx)) {
+  const bool answered = timed_wait(ctx->reply_sem, kReplyTimeoutMs);
+  if (guard.cancelled())
+    return -1;
+  if (!answered) {
     ctx->error_code = KALO_ERROR_TIMEOUT;
     return -1;
   }

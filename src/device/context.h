@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <thread>
 
 #include "kalo/kalo.h"
 #include "kalo/kalo_math.h"
@@ -146,6 +147,7 @@ struct KaloContext {
 
   // ---- virtual mechanisms
   uint32_t vm_active;
+  int32_t traj_requested; // samples the application asked for (kaloVmStartTrajSampling)
   uint32_t vm_current_type;
   int32_t vm_default_mode_copy; // -1 at open
 
@@ -156,10 +158,14 @@ struct KaloContext {
   TR_TACHE *loop_task_finishing; // a stopped loop whose thread has not been waited for yet
   std::atomic<uint32_t> watchdog_started; // watchdog threads that entered / left
   std::atomic<uint32_t> watchdog_ended;
-  // Threads blocked on button_sem / upper_bound_sem (kaloWaitPressButton,
-  // kaloVmWaitUpperBound keep them): a semaphore with a waiter is not destroyed.
-  std::atomic<uint32_t> button_waiters;
-  std::atomic<uint32_t> upper_bound_waiters;
+  // Threads inside a library wait (button, upper bound, trajectory samples,
+  // queries; see kalo::WaitGuard). kaloClose sets waits_cancelled, wakes them
+  // and frees nothing until the count is back to 0. close_claimed makes a
+  // second close of the same handle a refusal.
+  std::atomic<uint32_t> waiters;
+  std::atomic<uint32_t> waits_cancelled;
+  std::atomic<uint32_t> close_claimed;
+  std::atomic<std::thread::id> closing_thread; // the thread inside kaloClose
   // Held by a query from its request to its reply (see kalo::query_call).
   std::mutex query_mutex;
 };

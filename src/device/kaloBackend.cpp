@@ -5,6 +5,9 @@
 // the application marked since the previous frame. Also the optional
 // watchdog and the clock of both.
 //
+// A controller that falls silent is sent the hello again every 0.5 s until
+// its frames resume, so that a restarted controller takes the client back.
+//
 // Lifetime: the thread is never cancelled. It ends by itself when kaloClose
 // sets backend_stop (the receive has a time-out, so a silent controller cannot
 // hold it) or when a send fails, and its very last access to the context is
@@ -38,21 +41,31 @@ constexpr int kUpperBoundField = 49;
 constexpr int kEnergyOffField = 57;
 constexpr int kMouseField = 60;
 
+// A controller silent for this long gets the hello again, and again every
+// this long until it answers: a restarted controller picks the connection up.
+constexpr uint64_t kSilenceUs = 500000;
+
 enum class SendResult { sent, dropped, failed };
 
 // Stamps and sends every marked field of the command record, then clears the
 // marks. Call under the lock. A frame that does not fit is dropped (the
-// controller keeps the previous values) rather than taken for a dead link.
+// controller keeps the previous values) rather than taken for a dead link; it
+// is counted, and code 2 tells the application that commands it posted did
+// not go out.
 SendResult send_marked_fields(KaloContext *ctx, unsigned char *frame) {
   ExchangeRecord &cmd = ctx->command_record;
   cmd.time_stamp = static_cast<int32_t>(static_cast<uint32_t>(getTime(ctx)));
   kalo::post_field(cmd, kTimeStampField);
   const uint32_t size = encode_decode(kalo::kModeEncode, &cmd, frame, kalo::kFrameCapacity);
   SendResult result = SendResult::dropped;
-  if (size != kalo::kCodecFailure)
+  if (size != kalo::kCodecFailure && size <= kalo::kFrameCapacity) {
     result = write_protocol(ctx->session, frame, static_cast<int>(size)) == static_cast<int>(size)
                  ? SendResult::sent
                  : SendResult::failed;
+  } else {
+    kalo::count_one(ctx->link_counters.frames_dropped_for_size);
+    ctx->error_code = KALO_ERROR_COMMUNICATION;
+  }
   kalo::clear_changes(cmd);
   return result;
 }
@@ -128,7 +141,9 @@ uint64_t getTime(KaloContext *context) {
 void *_backendThread(void *context) {
   auto *ctx = static_cast<KaloContext *>(context);
   unsigned char frame[kalo::kFrameCapacity];
-  int pending_request = 0; // identifier of the last query sent, 0 when none
+  int pending_request = 0;            // identifier of the last query sent, 0 when none
+  uint64_t last_heard = getTime(ctx); // last state frame (or the start)
+  uint64_t last_hello = last_heard;
 
   // Start-up: the hello frame. On failure the lock is released (a held lock
   // would block kaloOpen's own clean-up forever); the open then fails with 2.
@@ -148,22 +163,27 @@ void *_backendThread(void *context) {
     kalo::Arrival arrival = kalo::Arrival::nothing;
     const int received =
         kalo::receive_frame(ctx->session, frame, static_cast<int>(kalo::kFrameCapacity), &arrival);
-    if (arrival == kalo::Arrival::foreign)
+    if (arrival == kalo::Arrival::foreign) {
       kalo::count_one(ctx->link_counters.frames_foreign);
+      kalo::record_event(ctx, KALO_EXT_EVENT_FOREIGN_DATAGRAM, 0, 0);
+    }
     else if (arrival == kalo::Arrival::malformed)
       kalo::count_one(ctx->link_counters.frames_malformed);
     if (received < 1) {
       if (errno == EAGAIN || errno == EWOULDBLOCK || arrival == kalo::Arrival::foreign) {
         // Nothing arrived within the receive time-out, or only a stranger's
         // datagram (which must neither slow the exchange nor trigger a
-        // command frame): no frame is due.
+        // command frame): no frame is due, unless the silence calls for a hello.
         if (ctx->backend_stop.load() != 0)
           break;
-        continue;
+        if (getTime(ctx) - last_heard < kSilenceUs)
+          continue;
+      } else {
+        // A malformed datagram or a failed receive: a command frame may still be due.
+        TR_delai(0.001);
       }
-      // A malformed datagram or a failed receive: a command frame may still be due.
-      TR_delai(0.001);
     } else {
+      last_heard = getTime(ctx);
       {
         ContextLock hold(ctx);
         ExchangeRecord &state = ctx->state_record;
@@ -188,10 +208,17 @@ void *_backendThread(void *context) {
                              ctx->speed_factor_filtered);
     }
 
+    const uint64_t now = getTime(ctx);
+    const bool silent = now - last_heard >= kSilenceUs;
     {
       ContextLock hold(ctx);
       ExchangeRecord &cmd = ctx->command_record;
       SendResult sent = SendResult::dropped;
+      if (silent && now - last_hello >= kSilenceUs) {
+        kalo::post_field(cmd, kHelloField);
+        kalo::count_one(ctx->link_counters.hellos_resent);
+        last_hello = now;
+      }
       if (cmd.send_request != 0) {
         if (cmd.field_changed[kRequestField] != 0)
           pending_request = cmd.request;
@@ -199,7 +226,9 @@ void *_backendThread(void *context) {
         ctx->frames_sent++;
       }
       kalo::telemetry_cycle_end(ctx, sent == SendResult::sent);
-      if (sent == SendResult::failed) {
+      // While the controller is silent (perhaps restarting, its port
+      // refusing) a failed send is expected: the hellos go on.
+      if (sent == SendResult::failed && !silent) {
         // The link is gone: report it to the application's next call and end.
         kalo::record_event(ctx, KALO_EXT_EVENT_SEND_FAILED, errno, 0);
         ctx->error_code = KALO_ERROR_COMMUNICATION;

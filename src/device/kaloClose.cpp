@@ -11,6 +11,7 @@
 #include "device/call_frame.h"
 #include "device/context.h"
 #include "device/lifecycle.h"
+#include "device/live_contexts.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
@@ -47,6 +48,18 @@ void wait_for_watchdogs(KaloContext *ctx) {
   ctx->watchdog_task = nullptr;
 }
 
+// Ends every library wait on the context: the waiting threads see the waits
+// cancelled and leave with code 2; returns once none is left inside.
+void end_waits(KaloContext *ctx) {
+  ctx->waits_cancelled = 1;
+  while (ctx->waiters.load() != 0) {
+    for (TR_SEMAPHORE *s :
+         {ctx->reply_sem, ctx->traj_sample_sem, ctx->button_sem, ctx->upper_bound_sem})
+      TR_poster_semaphore(s);
+    TR_delai(0.001);
+  }
+}
+
 } // namespace
 
 namespace kalo {
@@ -71,12 +84,8 @@ void release_context(KaloContext *ctx) {
   destroy_semaphore(ctx->traj_sample_sem);
   destroy_semaphore(ctx->backend_exited);
   destroy_semaphore(ctx->loop_exited);
-  // A thread still blocked on one of these would wait on freed memory: such a
-  // semaphore is left behind instead.
-  if (ctx->button_waiters.load() == 0)
-    destroy_semaphore(ctx->button_sem);
-  if (ctx->upper_bound_waiters.load() == 0)
-    destroy_semaphore(ctx->upper_bound_sem);
+  destroy_semaphore(ctx->button_sem);
+  destroy_semaphore(ctx->upper_bound_sem);
 
   destroy_matrix(ctx->speed_factor_target);
   destroy_matrix(ctx->speed_factor_filtered);
@@ -93,6 +102,7 @@ void release_context(KaloContext *ctx) {
   ctx->output_stream = nullptr;
   ctx->opened_output = nullptr;
 
+  retire_context(ctx);
   ctx->magic = 0;
   close_asserv(ctx);
   std::free(ctx->gain_stiffness_buffer);
@@ -114,7 +124,17 @@ int32_t kaloClose(KaloContext *context) {
     return -1;
   }
   KaloContext *ctx = context;
+  if (ctx->close_claimed.exchange(1) != 0) {
+    // Another thread is closing this handle already.
+    kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return -1;
+  }
+  ctx->closing_thread = std::this_thread::get_id();
   const bool was_connected = ctx->connected.load() != 0;
+  // First of all: a thread blocked in a wait (the loop's function among them)
+  // must not hold the close up. The detach below then goes out without its
+  // confirming round trip.
+  end_waits(ctx);
 
   end_mouse(ctx);
   if (was_connected) {
@@ -149,6 +169,7 @@ int32_t kaloClose(KaloContext *context) {
     ctx->backend_task = nullptr;
   }
 
+  end_waits(ctx); // a call that began a wait meanwhile
   kalo::release_context(ctx);
   if (!was_connected) {
     kaloGlobalError = KALO_ERROR_COMMUNICATION;

@@ -41,7 +41,7 @@ void start_stream(KaloContext &c) {
 int speed_control(KaloContext *ctx, float a, float b, kalo::SpeedControl ExchangeRecord::*member,
                   int field) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
-    if (a < 0.0f || b < 0.0f)
+    if (kalo::finite_scalars_or_refused(a, b) != 0 || a < 0.0f || b < 0.0f)
       return KALO_ERROR_INCORRECT_VALUE;
     kalo::SpeedControl &s = c.command_record.*member;
     s.first = b;
@@ -369,6 +369,8 @@ int32_t kaloDeactiveRotationSpeedControl(KaloContext *context) {
 
 int32_t kaloSetForceInSpeedControl(KaloContext *context, float force) {
   return kalo::gated_call(context, 3.55, [&](KaloContext &c) {
+    if (kalo::finite_scalars_or_refused(force) != 0)
+      return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.force_in_speed_control = force;
     kalo::post_field(c.command_record, 84);
     return KALO_NO_ERROR;
@@ -377,6 +379,8 @@ int32_t kaloSetForceInSpeedControl(KaloContext *context, float force) {
 
 int32_t kaloSetTorqueInSpeedControl(KaloContext *context, float torque) {
   return kalo::gated_call(context, 3.55, [&](KaloContext &c) {
+    if (kalo::finite_scalars_or_refused(torque) != 0)
+      return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.torque_in_speed_control = torque;
     kalo::post_field(c.command_record, 85);
     return KALO_NO_ERROR;

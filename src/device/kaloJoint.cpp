@@ -33,7 +33,7 @@ int set_articular(KaloContext *ctx, const float *q,
   if (articular_refused(ctx))
     return KALO_ERROR_INCOMPATIBLE_VERSION;
   return kalo::locked_call(ctx, [&](KaloContext &c) {
-    if (q == nullptr)
+    if (kalo::finite_or_refused(q, static_cast<int>(axis_values(c))) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.*member, q, sizeof(float) * axis_values(c));
     kalo::post_field(c.command_record, field);
@@ -45,7 +45,7 @@ int set_articular(KaloContext *ctx, const float *q,
 int set_additional_axis(KaloContext *ctx, const float *value, float ExchangeRecord::*member,
                         int field) {
   return kalo::gated_call(ctx, 3.1, [&](KaloContext &c) {
-    if (value == nullptr)
+    if (kalo::finite_or_refused(value, 1) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.*member = *value;
     kalo::post_field(c.command_record, field);
@@ -103,7 +103,7 @@ int32_t kaloOutputsSetting(KaloContext *context, uint32_t outputs) {
 
 int32_t kaloSetPwmOutput(KaloContext *context, const float pwm[7]) {
   return kalo::gated_call(context, 5.3, [&](KaloContext &c) {
-    if (pwm == nullptr)
+    if (kalo::finite_or_refused(pwm, 7) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.pwm_output, pwm, sizeof c.command_record.pwm_output);
     kalo::post_field(c.command_record, 89);
@@ -113,7 +113,7 @@ int32_t kaloSetPwmOutput(KaloContext *context, const float pwm[7]) {
 
 int32_t kaloSetFingerTipSpeed(KaloContext *context, const float speed[5]) {
   return kalo::gated_call(context, 5.8, [&](KaloContext &c) {
-    if (speed == nullptr)
+    if (kalo::finite_or_refused(speed, 5) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.finger_tip_speed, speed, sizeof c.command_record.finger_tip_speed);
     kalo::post_field(c.command_record, 92);
@@ -123,6 +123,8 @@ int32_t kaloSetFingerTipSpeed(KaloContext *context, const float speed[5]) {
 
 int32_t kaloSetFrictionForce(KaloContext *context, float a, float b, float c) {
   return kalo::locked_call(context, [&](KaloContext &k) {
+    if (kalo::finite_scalars_or_refused(a, b, c) != 0)
+      return KALO_ERROR_INCORRECT_VALUE;
     k.command_record.friction_force[0] = a;
     k.command_record.friction_force[1] = b;
     k.command_record.friction_force[2] = c;
@@ -140,8 +142,9 @@ int32_t kaloGenerateDebugFile(KaloContext *context) {
 
 // An intensity outside [0, 1] answers the bare 9 and records nothing; the
 // points written before it stay written (unposted until a later success).
-// The record holds one control point: further points are checked but have no
-// room on the wire.
+// Only the points the record holds are walked, whatever count the
+// controller gave. A non-finite contact point is refused (-1, code 9)
+// before anything is written.
 int32_t kaloSetTexture(KaloContext *context, const float *position, const float *intensity,
                        int32_t flag) {
   if (!kalo::enter(context))
@@ -155,15 +158,19 @@ int32_t kaloSetTexture(KaloContext *context, const float *position, const float 
     context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
     return -1;
   }
-  const int32_t points = context->control_point_count;
+  const int32_t n = context->control_point_count;
+  const int32_t points = n < 0 ? 0 : (n > kalo::kControlPointRoom ? kalo::kControlPointRoom : n);
+  for (int32_t i = 0; i < points; ++i)
+    if (!kalo::all_finite(position + 7 * i, 3)) {
+      context->error_code = KALO_ERROR_INCORRECT_VALUE;
+      return -1;
+    }
   if (points >= 1 && !in_unit_range(intensity[0]))
     return KALO_ERROR_INCORRECT_VALUE;
   ExchangeRecord &r = context->command_record;
   for (int32_t i = 0; i < points; ++i) {
-    if (i < kalo::kControlPointRoom) {
-      std::memcpy(r.texture + 3 * i, position + 7 * i, 3 * sizeof(float));
-      r.texture_intensity = intensity[i];
-    }
+    std::memcpy(r.texture + 3 * i, position + 7 * i, 3 * sizeof(float));
+    r.texture_intensity = intensity[i];
     r.texture_flag = static_cast<int16_t>(flag);
     if (i + 1 < points && !in_unit_range(intensity[i + 1]))
       return KALO_ERROR_INCORRECT_VALUE;
@@ -187,12 +194,13 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
     }
     points = kalo::points_in_use(*context);
   }
-  const int walked = kalo::each_set_point(context, wrench, 6, points, [&](const float *entry, int32_t i) {
-    float converted[6];
-    ecriture_texture_force(context, entry, converted, i);
-    std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
-    return 0;
-  });
+  const int walked =
+      kalo::each_set_point(context, wrench, 6, points, [&](const float *entry, int32_t i) {
+        float converted[6];
+        ecriture_texture_force(context, entry, converted, i);
+        std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
+        return 0;
+      });
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);

@@ -11,6 +11,7 @@
 // start, stop or close. So no call of the function runs after kaloStopLoop
 // has returned on another thread, and kaloClose never frees a context under a
 // running periodic function.
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <pthread.h>
@@ -93,7 +94,10 @@ int32_t kaloSetPeriodicFunction(KaloContext *context, KaloPeriodicFunction funct
                                 void *user_data) {
   return kalo::locked_call(context, [&](KaloContext &ctx) {
     kalo::LoopPeriod rounded{};
-    if (period == nullptr || !kalo::round_loop_period(*period, ctx.controller_version, &rounded))
+    // A period of 0 ticks the loop on every frame; a negative or non-finite
+    // one is refused.
+    if (period == nullptr || !std::isfinite(*period) || *period < 0.0f ||
+        !kalo::round_loop_period(*period, ctx.controller_version, &rounded))
       return KALO_ERROR_INCORRECT_VALUE;
     ctx.periodic_function = function;
     ctx.loop_period_ticks = rounded.ticks;

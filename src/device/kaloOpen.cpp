@@ -26,6 +26,7 @@ constexpr double kDeviceIdMinimumVersion = 5.4;
 constexpr float kInitialControllerVersion = 2.6f;
 constexpr double kDefaultObjectMass = 0.814;
 constexpr int kPerPointArrayLimit = 256; // control points the per-point arrays are ever sized for
+constexpr int kHandshakeAttempts = 3;    // tries of each query of the opening handshake
 
 // The identity pose (zero translation, identity quaternion with the scalar last).
 void set_null_pose(float (&pose)[7]) {
@@ -169,7 +170,7 @@ KaloContext *kaloOpen(const char *url) {
   timeval receive_timeout{0, kalo::kReceiveTimeoutUs};
   setsockopt(session, SOL_SOCKET, SO_RCVTIMEO, &receive_timeout, sizeof receive_timeout);
 
-  if (!init_context(ctx, session) || !create_semaphores(ctx))
+  if (!init_context(ctx, session) || !create_semaphores(ctx) || !kalo::register_context(ctx))
     return abandon_open(ctx, KALO_ERROR_OUT_OF_MEMORY);
   init_asserv(ctx);
   init_filtres(ctx);
@@ -199,10 +200,13 @@ KaloContext *kaloOpen(const char *url) {
 
   // The handshake's results are not checked: a controller that does not
   // answer leaves the defaults (version 2.6) and the connection is still given.
+  // A lost reply is asked again, so that one lost frame does not leave the
+  // defaults for the whole connection.
   kaloDetachVO(ctx);
   TR_delai(0.1);
   kaloGetNumberOfAxes(ctx);
-  getMaxSpeed(ctx);
+  for (int attempt = 0; attempt < kHandshakeAttempts && getMaxSpeed(ctx) != 0; ++attempt) {
+  }
   init_control_energie_cinetique(ctx);
   init_mouse(ctx);
   sendAPIVersion(ctx);
@@ -252,10 +256,14 @@ int32_t kaloDisableControlConnexion(KaloContext *context, int32_t disabled) {
   return 0;
 }
 
+// The count is kept within the points the records hold, whatever the wire
+// said: every per-point walk and every command frame is sized by it.
 int32_t kaloGetRobotNumberOfControlPoints(KaloContext *context) {
   return kalo::locked_call(context, [](KaloContext &ctx) {
-    ctx.control_point_count = ctx.state_record.control_point_count;
-    ctx.command_record.control_point_count = ctx.state_record.control_point_count;
+    int32_t n = ctx.state_record.control_point_count;
+    n = n < 0 ? 0 : (n > kalo::kControlPointRoom ? kalo::kControlPointRoom : n);
+    ctx.control_point_count = n;
+    ctx.command_record.control_point_count = n;
     return KALO_NO_ERROR;
   });
 }
@@ -268,8 +276,11 @@ int32_t sendAPIVersion(KaloContext *context) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return -1;
   }
-  if (kaloGetControlerVersion(context, &context->controller_version_major,
-                              &context->controller_version_minor) != 0)
+  int asked = -1;
+  for (int attempt = 0; attempt < kHandshakeAttempts && asked != 0; ++attempt)
+    asked = kaloGetControlerVersion(context, &context->controller_version_major,
+                                    &context->controller_version_minor);
+  if (asked != 0)
     return -1;
   context->controller_version = static_cast<float>(context->controller_version_major) +
                                 static_cast<float>(context->controller_version_minor) / 100.0f;

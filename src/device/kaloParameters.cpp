@@ -5,7 +5,7 @@
 // stiffness, damping and maximum speeds are asked of the controller.
 #include <cstdio>
 #include <cstring>
-#include <ctime>
+#include <sys/time.h>
 
 #include "device/call_frame.h"
 #include "device/context.h"
@@ -26,10 +26,10 @@ template <class T> int read_value(KaloContext *ctx, T *out, T KaloContext::*memb
   });
 }
 
-// A strictly positive float the context keeps (a NaN is refused too).
+// A finite, strictly positive float the context keeps.
 int set_positive(KaloContext *ctx, float value, float KaloContext::*member) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
-    if (!(value > 0.0f))
+    if (!kalo::finite_positive(value))
       return KALO_ERROR_INCORRECT_VALUE;
     c.*member = value;
     return KALO_NO_ERROR;
@@ -38,9 +38,10 @@ int set_positive(KaloContext *ctx, float value, float KaloContext::*member) {
 
 // Copies N floats into a command field and marks it.
 template <size_t N>
-int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*member)[N], int field) {
+int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*member)[N],
+                int field) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
-    if (values == nullptr)
+    if (kalo::finite_or_refused(values, static_cast<int>(N)) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.*member, values, sizeof(float) * N);
     kalo::post_field(c.command_record, field);
@@ -52,7 +53,7 @@ int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*m
 int send_frame(KaloContext *ctx, const float *frame, float (ExchangeRecord::*member)[7], int field,
                float (KaloContext::*copy)[7]) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
-    if (frame == nullptr || test_deplacement_valide(frame) == 0)
+    if (kalo::finite_or_refused(frame, 7) != 0 || test_deplacement_valide(frame) == 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.*member, frame, sizeof(float) * 7);
     std::memcpy(c.*copy, frame, sizeof(float) * 7);
@@ -77,19 +78,18 @@ int query_gains(KaloContext *ctx, float *out, int field) {
     return -1;
   }
   return kalo::query_call(ctx, field, [&](KaloContext &c) {
-    std::memcpy(out, field == 2 ? c.state_record.simulation_stiffness : c.state_record.simulation_damping,
-                sizeof(float) * 6);
+    std::memcpy(
+        out, field == 2 ? c.state_record.simulation_stiffness : c.state_record.simulation_damping,
+        sizeof(float) * 6);
   });
 }
 
-// The controller stamps its frames with the low 32 bits of its monotonic
-// microsecond clock; the age of the last frame is measured on the same clock.
-uint32_t clock_us_low32() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  const uint64_t us =
-      static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
-  return static_cast<uint32_t>(us);
+// The controller stamps its frames with the low 32 bits of its wall clock in
+// microseconds (a clock synchronised with ours); the age is measured on ours.
+uint32_t wall_clock_us_low32() {
+  timeval tv{};
+  gettimeofday(&tv, nullptr);
+  return static_cast<uint32_t>(tv.tv_sec) * 1000000u + static_cast<uint32_t>(tv.tv_usec);
 }
 
 } // namespace
@@ -105,11 +105,14 @@ int32_t kaloGetTimeStep(KaloContext *context, float *step) {
 }
 
 int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age) {
-  const uint32_t now = clock_us_low32(); // read first: the age includes the call's own wait
+  const uint32_t now = wall_clock_us_low32(); // read first: the age includes the call's own wait
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (age == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *age = now - static_cast<uint32_t>(c.state_record.time_stamp); // wraps with the clock
+    // Wrapping arithmetic; a difference in the upper half of the range is a
+    // stamp newer than the reading (a frame came in meanwhile): age 0.
+    const uint32_t difference = now - static_cast<uint32_t>(c.state_record.time_stamp);
+    *age = difference < 0x80000000u ? difference : 0u;
     return KALO_NO_ERROR;
   });
 }
@@ -123,7 +126,7 @@ int32_t getMaxSpeed(KaloContext *context) {
 
 int32_t kaloSetSpeedFactor(KaloContext *context, float factor) {
   return kalo::locked_call(context, [&](KaloContext &c) {
-    if (!(factor > 0.0f))
+    if (!kalo::finite_positive(factor))
       return KALO_ERROR_INCORRECT_VALUE;
     // In command type 3 the controller takes the factor at once; elsewhere the
     // smoothing filter walks towards it and kaloSetPosition sends the steps.
@@ -156,7 +159,7 @@ int32_t SendSpeedFactor(KaloContext *context) {
 
 int32_t kaloSetForceFactor(KaloContext *context, float factor) {
   return kalo::locked_call(context, [&](KaloContext &c) {
-    if (!(factor > 0.0f))
+    if (!kalo::finite_positive(factor))
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.force_factor = factor;
     kalo::post_field(c.command_record, 5);
@@ -208,7 +211,7 @@ int32_t kaloGetBaseFrame(KaloContext *context, float *frame) {
 
 int32_t kaloSetCatchFrame(KaloContext *context, const float *frame) {
   // The frame is checked before the handle, as it always has been.
-  if (frame == nullptr || test_deplacement_valide(frame) == 0) {
+  if (kalo::finite_or_refused(frame, 7) != 0 || test_deplacement_valide(frame) == 0) {
     if (kalo::is_live(context))
       context->error_code = KALO_ERROR_INCORRECT_VALUE;
     else
@@ -229,7 +232,8 @@ int32_t kaloSetCatchFrame(KaloContext *context, const float *frame) {
                                ? c.control_point_count
                                : kalo::kControlPointRoom;
     if (points > 0)
-      std::memcpy(c.command_record.catch_frame, frame, sizeof(float) * 7 * static_cast<size_t>(points));
+      std::memcpy(c.command_record.catch_frame, frame,
+                  sizeof(float) * 7 * static_cast<size_t>(points));
     kalo::post_field(c.command_record, 10);
     return KALO_NO_ERROR;
   });

@@ -24,6 +24,7 @@ constexpr int kShiftPositionBit = 19;
 constexpr uint32_t kDeadManButton = 15;
 constexpr uint32_t kEmergencyStopButton = 16;
 constexpr int kDriveCount = 8;
+constexpr uint32_t kButtonCount = 16; // one bit each in item 22
 
 // Joint readers and setters exist from controller 3.56 on, and on the one
 // 2.33 build; the equality is kept against the double although a float
@@ -41,7 +42,7 @@ inline uint32_t failure_word(const KaloContext &c) {
 }
 
 inline uint32_t button_state(const KaloContext &c, uint32_t button) {
-  if (button < 1 || button > 16)
+  if (button < 1 || button > kButtonCount)
     return 0;
   return (static_cast<uint16_t>(c.state_record.buttons) >> (button - 1)) & 1u;
 }
@@ -111,11 +112,18 @@ int32_t kaloGetDeadMan(KaloContext *context, uint32_t *value) {
 // The wait starts from the button's state in the last frame, so a button that
 // is already held must be released and pressed again; the exchange thread's
 // CheckPressButton (which runs under the lock) sees a consistent start.
+// A button the device does not have could never be pressed: refused with 9
+// at once rather than waited for. kaloClose ends the wait (-1, code 2).
 int32_t kaloWaitPressButton(KaloContext *context, uint32_t button) {
   if (!kalo::enter(context))
     return -1;
-  // Counted as a waiter so that a close meanwhile leaves the semaphore alive.
-  context->button_waiters.fetch_add(1);
+  if (button < 1 || button > kButtonCount) {
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  kalo::WaitGuard guard(context);
+  if (guard.cancelled())
+    return -1;
   {
     kalo::ContextLock hold(context);
     const uint32_t now = button_state(*context, button);
@@ -125,7 +133,8 @@ int32_t kaloWaitPressButton(KaloContext *context, uint32_t button) {
     context->wait_armed = 1;
   }
   const int result = TR_attendre_semaphore(context->button_sem) == 0 ? 0 : -1;
-  context->button_waiters.fetch_sub(1);
+  if (guard.cancelled())
+    return -1;
   return result;
 }
 

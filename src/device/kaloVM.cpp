@@ -3,9 +3,7 @@
 // The library forwards the settings, remembers the last ones, and offers two
 // waits: for a batch of trajectory samples and for the upper-bound signal.
 // Every call needs command type 5.
-#include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "device/call_frame.h"
 #include "device/context.h"
@@ -57,31 +55,6 @@ int spline_call(KaloContext *ctx, const char *name, int field) {
   });
 }
 
-// Waits for a post of s for at most ms milliseconds; false on time-out.
-bool timed_wait(TR_SEMAPHORE *s, int ms) {
-  timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += ms / 1000;
-  deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec++;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  for (;;) {
-    if (sem_timedwait(&s->u.semaphore, &deadline) == 0)
-      return true;
-    if (errno != EINTR)
-      return false;
-  }
-}
-
-// The batch size a controller may have changed by sending item 30 itself,
-// kept within the sample array.
-inline int32_t batch_size(const KaloContext &c) {
-  const int32_t n = c.state_record.traj_sample_count;
-  return n < 0 ? 0 : (n > kMaxTrajSamples ? kMaxTrajSamples : n);
-}
-
 } // namespace
 
 extern "C" {
@@ -111,7 +84,7 @@ int32_t kaloVmSetBaseFrame(KaloContext *context, const float frame[7]) {
   return vm_call(context, [&](KaloContext &c) {
     if (c.command_type_set != 1)
       return KALO_ERROR_WRONG_MOMENT;
-    if (frame == nullptr)
+    if (kalo::finite_or_refused(frame, 7) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.vm_base_frame, frame, sizeof c.command_record.vm_base_frame);
     kalo::post_field(c.command_record, 32);
@@ -131,7 +104,7 @@ int32_t kaloVmGetBaseFrame(KaloContext *context, float frame[7]) {
 
 int32_t kaloVmSetMinArtiBounds(KaloContext *context, const float bounds[10]) {
   return vm_call(context, [&](KaloContext &c) {
-    if (bounds == nullptr)
+    if (kalo::finite_or_refused(bounds, 10) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.vm_min_arti_bounds, bounds,
                 sizeof c.command_record.vm_min_arti_bounds);
@@ -142,7 +115,7 @@ int32_t kaloVmSetMinArtiBounds(KaloContext *context, const float bounds[10]) {
 
 int32_t kaloVmSetMaxArtiBounds(KaloContext *context, const float bounds[10]) {
   return vm_call(context, [&](KaloContext &c) {
-    if (bounds == nullptr)
+    if (kalo::finite_or_refused(bounds, 10) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.vm_max_arti_bounds, bounds,
                 sizeof c.command_record.vm_max_arti_bounds);
@@ -196,6 +169,7 @@ int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count) {
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.traj_sample_count = count;
     c.state_record.traj_sample_count = count;
+    c.traj_requested = count;
     c.state_record.list_index = 0;
     while (TR_tester_semaphore(c.traj_sample_sem) == 0) {
     }
@@ -204,7 +178,13 @@ int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count) {
   });
 }
 
+// Waits as many times as samples were asked for, whatever their indices, so
+// that samples arriving out of order all land; copies at most the batch the
+// application asked for (the size its array has), never what the wire says.
 int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples) {
+  if (!kalo::enter(context))
+    return -1;
+  kalo::WaitGuard guard(context);
   int32_t count = 0;
   int32_t received = 0;
   const int checked = vm_call(context, [&](KaloContext &c) {
@@ -212,30 +192,26 @@ int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples) {
       return KALO_ERROR_INCORRECT_VM;
     if (samples == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    count = batch_size(c);
+    count = c.traj_requested < 0
+                ? 0
+                : (c.traj_requested > kMaxTrajSamples ? kMaxTrajSamples : c.traj_requested);
     received = c.state_record.list_index;
     return 0;
   });
-  if (checked != 0)
+  if (checked != 0 || guard.cancelled())
     return -1;
 
-  // The exchange thread signals each frame that carried a sample; wait
-  // without the lock until the batch is complete or the stream stops.
+  // The exchange thread signals each frame that carried a sample.
   if (received < count) {
-    if (!timed_wait(context->traj_sample_sem, kFirstSampleTimeoutMs))
+    if (!kalo::timed_wait(context->traj_sample_sem, kFirstSampleTimeoutMs) || guard.cancelled())
       return -1;
-    for (int32_t i = 1; i < count; ++i) {
-      {
-        kalo::ContextLock hold(context);
-        if (context->state_record.list_index >= count)
-          break;
-      }
-      if (!timed_wait(context->traj_sample_sem, kNextSampleTimeoutMs))
+    for (int32_t i = 1; i < count && context->waits_cancelled.load() == 0; ++i)
+      if (!kalo::timed_wait(context->traj_sample_sem, kNextSampleTimeoutMs))
         break;
-    }
+    if (guard.cancelled())
+      return -1;
   }
 
-  // The batch size read before the wait is the one the caller's array holds.
   kalo::ContextLock hold(context);
   if (context->state_record.traj_samples != nullptr)
     std::memcpy(samples, context->state_record.traj_samples,
@@ -254,10 +230,12 @@ int32_t kaloVmWaitUpperBound(KaloContext *context) {
   });
   if (posted != 0)
     return -1;
-  // Counted as a waiter so that a close meanwhile leaves the semaphore alive.
-  context->upper_bound_waiters.fetch_add(1);
+  kalo::WaitGuard guard(context); // kaloClose ends the wait (-1, code 2)
+  if (guard.cancelled())
+    return -1;
   const int result = TR_attendre_semaphore(context->upper_bound_sem);
-  context->upper_bound_waiters.fetch_sub(1);
+  if (guard.cancelled())
+    return -1;
   return result;
 }
 

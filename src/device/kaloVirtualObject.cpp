@@ -74,10 +74,17 @@ int attach(KaloContext *ctx, bool avatar, Check &&check, SetGains &&set_gains) {
   return 0;
 }
 
+// The mass and the inertia's diagonal must be finite and positive, and the
+// whole 3x3 inertia finite: the gains derived from them go to the controller.
+bool valid_mass_model(const float *inertia, float mass) {
+  return kalo::finite_positive(mass) && kalo::finite_or_refused(inertia, 9) == 0 &&
+         inertia[0] > 0.0f && inertia[4] > 0.0f && inertia[8] > 0.0f;
+}
+
 int attach_with_mass(KaloContext *ctx, const float *inertia, float mass, bool avatar) {
   return attach(
       ctx, avatar,
-      [&] { return mass > 0.0f && inertia != nullptr ? KALO_NO_ERROR : KALO_ERROR_INCORRECT_VALUE; },
+      [&] { return valid_mass_model(inertia, mass) ? KALO_NO_ERROR : KALO_ERROR_INCORRECT_VALUE; },
       [&](ServoPoint &, int32_t i) { calcul_gains(ctx, inertia, i, mass); });
 }
 
@@ -130,8 +137,10 @@ int32_t kaloAttachQSVO(KaloContext *context, const float *stiffness, const float
   return attach(
       context, false,
       [&] {
-        return stiffness != nullptr && damping != nullptr ? KALO_NO_ERROR
-                                                          : KALO_ERROR_INCORRECT_VALUE;
+        return kalo::finite_or_refused(stiffness, 6) == 0 &&
+                       kalo::finite_or_refused(damping, 6) == 0
+                   ? KALO_NO_ERROR
+                   : KALO_ERROR_INCORRECT_VALUE;
       },
       [&](ServoPoint &p, int32_t) {
         // The given gains go on the diagonals as they are, no mass model.
@@ -142,9 +151,13 @@ int32_t kaloAttachQSVO(KaloContext *context, const float *stiffness, const float
       });
 }
 
-int32_t kaloDetachVO(KaloContext *context) { return detach(context, 11); }
+int32_t kaloDetachVO(KaloContext *context) {
+  return detach(context, 11);
+}
 
-int32_t kaloDetachVOAvatar(KaloContext *context) { return detach(context, 23); }
+int32_t kaloDetachVOAvatar(KaloContext *context) {
+  return detach(context, 23);
+}
 
 int32_t kaloModifGains(KaloContext *context) {
   if (!kalo::is_live(context)) {
@@ -209,10 +222,25 @@ int32_t kaloGetForce(KaloContext *context, float *force) {
     context->error_code = KALO_ERROR_INCORRECT_VALUE;
     return -1;
   }
-  kalo::ContextLock hold(context);
-  for (int32_t i = 0; i < points; ++i) {
-    calcul_asserv(context, i);
-    copie_force(context, force + 6 * i, i);
+  // A pose the controller reported without a valid rotation (a zero
+  // quaternion) makes the coupling law undefined: that point's wrench is
+  // zero (no force rather than a non-number) and the call reports code 9.
+  bool undefined = false;
+  {
+    kalo::ContextLock hold(context);
+    for (int32_t i = 0; i < points; ++i) {
+      calcul_asserv(context, i);
+      float *wrench = force + 6 * i;
+      copie_force(context, wrench, i);
+      if (!kalo::all_finite(wrench, 6)) {
+        std::memset(wrench, 0, sizeof(float) * 6);
+        undefined = true;
+      }
+    }
+  }
+  if (undefined) {
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
   }
   if (points > 0)
     kalo::telemetry_coupling_force(context, force);
@@ -221,7 +249,7 @@ int32_t kaloGetForce(KaloContext *context, float *force) {
 
 int32_t kaloSaturateTorque(KaloContext *context, float a, float b) {
   return kalo::locked_call(context, [&](KaloContext &c) {
-    if (!(a > 0.0f) || !(b > 0.0f))
+    if (!kalo::finite_positive(a) || !kalo::finite_positive(b))
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.torque_saturation[0] = a;
     c.command_record.torque_saturation[1] = b;

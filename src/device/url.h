@@ -1,8 +1,8 @@
 // The connection URL accepted by kaloOpen:
 //   [url:][udpxdr://]host[:local-port][#controller-port[+anything]]
 // The scheme is added when the text names none; any other scheme is refused.
-// Ports are decimal digits only (an empty port counts as 0: the transport then
-// picks its default) and are taken modulo 65536.
+// Ports are decimal digits only, at most 65535 (an empty port, or 0, counts as
+// 0: the transport then picks its default).
 #pragma once
 
 #include <cstdint>
@@ -23,11 +23,16 @@ inline bool all_digits(const std::string &s) {
   return std::strspn(s.c_str(), "0123456789") == s.size();
 }
 
-inline uint16_t port_value(const std::string &digits) {
+// The port's number; false when it is not a port (beyond 65535).
+inline bool port_value(const std::string &digits, uint16_t *port) {
   uint32_t value = 0;
-  for (const char c : digits)
-    value = (value * 10u + static_cast<uint32_t>(c - '0')) & 0xFFFFu;
-  return static_cast<uint16_t>(value);
+  for (const char c : digits) {
+    value = value * 10u + static_cast<uint32_t>(c - '0');
+    if (value > 0xFFFFu)
+      return false;
+  }
+  *port = static_cast<uint16_t>(value);
+  return true;
 }
 
 } // namespace url_detail
@@ -65,9 +70,8 @@ inline bool parse_connection_url(const char *url, ConnectionUrl *out) {
   if (!url_detail::all_digits(local) || !url_detail::all_digits(remote))
     return false;
   out->host = rest;
-  out->local_port = url_detail::port_value(local);
-  out->remote_port = url_detail::port_value(remote);
-  return true;
+  return url_detail::port_value(local, &out->local_port) &&
+         url_detail::port_value(remote, &out->remote_port);
 }
 
 } // namespace kalo

@@ -47,7 +47,16 @@ struct RxFrame {
   int16_t buttons = 0;
   int32_t traj_index = -1; // list_index of item 29 when carried
   std::size_t size = 0;
+  uint8_t head[2] = {}; // the first two identifiers (the counts, 69 then 52)
 };
+
+// The wall clock (the controller's stamps) minus the monotonic one, in us.
+inline int64_t wall_minus_mono_us() {
+  timespec w{}, m{};
+  clock_gettime(CLOCK_REALTIME, &w);
+  clock_gettime(CLOCK_MONOTONIC, &m);
+  return (static_cast<int64_t>(w.tv_sec) - m.tv_sec) * 1000000 + (w.tv_nsec - m.tv_nsec) / 1000;
+}
 
 class RawClient {
 public:
@@ -183,6 +192,10 @@ private:
       const int length = kalo::envelope_check(buffer, static_cast<std::size_t>(n));
       f.envelope_ok = length >= 0;
       ExchangeRecord &r = *state_;
+      if (f.envelope_ok && length >= 6) {
+        f.head[0] = buffer[4];
+        f.head[1] = buffer[9];
+      }
       if (f.envelope_ok) {
         kalo::clear_changes(r);
         r.traj_samples = samples_;

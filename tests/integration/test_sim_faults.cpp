@@ -87,10 +87,11 @@ TEST(SimFaults, DelaysFramesByTheAskedTime) {
   std::this_thread::sleep_for(50ms);
   auto frames = c.window(300ms);
   ASSERT_GT(frames.size(), 200u);
-  // The time stamp is the sender's monotonic clock in microseconds, ours too.
+  // The time stamp is the sender's wall clock in microseconds.
+  const int64_t offset = kalo_test::wall_minus_mono_us();
   std::vector<int64_t> lag;
   for (const auto &x : frames)
-    lag.push_back(static_cast<int32_t>(static_cast<uint32_t>(x.t_ns / 1000) -
+    lag.push_back(static_cast<int32_t>(static_cast<uint32_t>(x.t_ns / 1000 + offset) -
                                        static_cast<uint32_t>(x.time_stamp)));
   std::sort(lag.begin(), lag.end());
   const int64_t median = lag[lag.size() / 2];

@@ -13,6 +13,8 @@
 
 #include "command_fixture.h"
 
+#include <sys/time.h>
+
 using command_test::CommandContext;
 
 namespace {
@@ -32,9 +34,9 @@ TEST(CommandType, EachCallRunsOnlyInItsCommandTypes) {
   // Rows: command type 0..7; columns: set position, set speed, set force,
   // attach, get force; true where the call is refused with 17.
   const bool refused[8][5] = {
-      {true, true, true, true, true},     {true, false, true, true, true},
-      {false, false, true, false, false}, {false, true, false, false, true},
-      {false, false, true, false, false}, {false, false, true, false, false},
+      {true, true, true, true, true},      {true, false, true, true, true},
+      {false, false, true, false, false},  {false, true, false, false, true},
+      {false, false, true, false, false},  {false, false, true, false, false},
       {false, false, false, false, false}, {false, false, false, false, false},
   };
   for (uint32_t type = 0; type < 8; ++type) {
@@ -330,15 +332,23 @@ TEST(Parameters, OutputFileFallsBackToStandardOutput) {
   std::remove(second);
 }
 
-TEST(Parameters, AgeOfTheLastUpdateOnTheControllersClock) {
+// The controller stamps with the wall clock; a stamp newer than the reading
+// (a frame that came in meanwhile) is an age of 0, not some 4.29e9 us.
+TEST(Parameters, AgeOfTheLastUpdateOnTheWallClock) {
   CommandContext f;
   KaloContext *c = f.get();
-  const auto now = static_cast<uint32_t>(getTime(c));
+  timeval tv{};
+  gettimeofday(&tv, nullptr);
+  const uint32_t now =
+      static_cast<uint32_t>(tv.tv_sec) * 1000000u + static_cast<uint32_t>(tv.tv_usec);
   c->state_record.time_stamp = static_cast<int32_t>(now - 5000u);
   uint32_t age = 0;
   ASSERT_EQ(kaloGetTimeLastUpdate(c, &age), 0);
   EXPECT_GE(age, 5000u);
   EXPECT_LT(age, 1005000u);
+  c->state_record.time_stamp = static_cast<int32_t>(now + 1000000u);
+  ASSERT_EQ(kaloGetTimeLastUpdate(c, &age), 0);
+  EXPECT_EQ(age, 0u);
 }
 
 TEST(VirtualObjects, AttachChecksInOrderAndFillsThePointsInTurn) {

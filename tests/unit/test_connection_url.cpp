@@ -44,15 +44,13 @@ TEST(ConnectionUrl, PortsAfterColonAndHash) {
   EXPECT_EQ(url.host, "host");
   EXPECT_EQ(url.remote_port, 6000);
 
-  // Empty ports pass and count as 0; ports are taken modulo 65536.
+  // Empty ports pass and count as 0; 65535 is the last port.
   url = parse_ok("host:#");
   EXPECT_EQ(url.local_port, 0);
   EXPECT_EQ(url.remote_port, 0);
-  url = parse_ok("host:70000#65537");
-  EXPECT_EQ(url.local_port, 70000 % 65536);
-  EXPECT_EQ(url.remote_port, 1);
-  url = parse_ok("host:99999999999999999999"); // longer than any integer type: still modulo 65536
+  url = parse_ok("host:65535#00065535");
   EXPECT_EQ(url.local_port, 65535);
+  EXPECT_EQ(url.remote_port, 65535);
 }
 
 TEST(ConnectionUrl, APlusWithoutHashStaysInTheHost) {
@@ -63,7 +61,8 @@ TEST(ConnectionUrl, APlusWithoutHashStaysInTheHost) {
 TEST(ConnectionUrl, RefusedSpellings) {
   kalo::ConnectionUrl url;
   for (const char *text : {"tcp://host", "udp://host", "URL:udpxdr://host:1", "udpxdr://host:12a",
-                           "udpxdr://host#60x0", "udpxdr://host:-1", "udpxdr://host: 1"})
+                           "udpxdr://host#60x0", "udpxdr://host:-1", "udpxdr://host: 1",
+                           "host:65536", "host#99999", "host:99999999999999999999"})
     EXPECT_FALSE(kalo::parse_connection_url(text, &url)) << text;
   EXPECT_FALSE(kalo::parse_connection_url(nullptr, &url));
 }
@@ -77,6 +76,9 @@ TEST(ConnectionUrl, OpenRefusesABadUrlWithCode10AtOnce) {
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_URL_SYNTAX);
   kaloGlobalError = 0;
   EXPECT_EQ(kaloOpen(nullptr), nullptr);
+  EXPECT_EQ(kaloGlobalError, KALO_ERROR_URL_SYNTAX);
+  kaloGlobalError = 0;
+  EXPECT_EQ(kaloOpen("udpxdr://127.0.0.1:3131#99999"), nullptr); // not 34463
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_URL_SYNTAX);
 }
 
