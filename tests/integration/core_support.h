@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "device/call_frame.h"
+#include "eventually.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
@@ -87,15 +88,7 @@ struct Link {
   }
 };
 
-template <class Predicate> bool eventually(Predicate p, std::chrono::milliseconds limit = 3000ms) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!p()) {
-    if (std::chrono::steady_clock::now() > end)
-      return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using kalo_test::eventually;
 
 // Waits for a post of one of the context's counting semaphores.
 inline bool posted_within(TR_SEMAPHORE *s, std::chrono::milliseconds limit) {

@@ -45,7 +45,6 @@ struct RxFrame {
   float position[7] = {};
   int32_t alarm = 0;
   int16_t buttons = 0;
-  int32_t traj_index = -1; // list_index of item 29 when carried
   std::size_t size = 0;
   uint8_t head[2] = {}; // the first two identifiers (the counts, 69 then 52)
 };
@@ -198,7 +197,6 @@ private:
       }
       if (f.envelope_ok) {
         kalo::clear_changes(r);
-        r.traj_samples = samples_;
         f.decoded = encode_decode(kalo::kModeDecode, &r, buffer + 4,
                                   static_cast<uint32_t>(length)) != kalo::kCodecFailure;
         for (int id = 1; id <= kalo::kFieldCount; ++id)
@@ -208,8 +206,6 @@ private:
         std::memcpy(f.position, r.position, sizeof f.position);
         f.alarm = r.alarm;
         f.buttons = r.buttons;
-        if (f.ids[29])
-          f.traj_index = r.list_index - 1; // decoding moved past the sample
       }
       std::lock_guard<std::mutex> lock(mutex_);
       total_++;
@@ -240,7 +236,6 @@ private:
   int fd_ = -1;
   sockaddr_in peer_{};
   std::unique_ptr<ExchangeRecord> state_, cmd_;
-  float samples_[kalo::kTrajSampleRoom][7] = {};
   std::atomic<bool> stop_{false};
   mutable std::mutex mutex_;
   std::condition_variable cv_;

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "device/call_frame.h"
+#include "eventually.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
 #include "simulator.h"
@@ -22,17 +23,7 @@ namespace readout_it {
 
 using namespace std::chrono_literals;
 
-// True once pred() holds, polling every millisecond; false after timeout.
-inline bool eventually(const std::function<bool()> &pred,
-                       std::chrono::milliseconds timeout = 2000ms) {
-  const auto end = std::chrono::steady_clock::now() + timeout;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > end)
-      return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using kalo_test::eventually;
 
 // The command type is the library's own memory of it; these calls only
 // consult that memory, so the tests set it as kaloSetCommandType leaves it.

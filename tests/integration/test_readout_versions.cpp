@@ -1,7 +1,6 @@
-// Version gates end to end: the controller's version from the handshake
-// decides which joint, input and output calls answer with the bare 20; a
-// refused call sends nothing, an accepted one sends its field. Also the one
-// call of this group that closes the connection (a non-finite texture wrench).
+// The texture wrench end to end: sent in the coupling types, and the one call
+// of its group that closes the connection (a non-finite wrench). The version
+// gates of the joint, input and output calls are in the unit wire table.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -54,51 +53,6 @@ struct Controller {
 };
 
 } // namespace
-
-TEST(VersionGates, EachCallOpensAboveItsThreshold) {
-  struct Case {
-    int major, minor;
-    std::set<int> accepted; // fields sent by the gated setters below
-    bool inputs;            // kaloGetTorInputs / kaloGetAnalogicInputs answer
-  };
-  // Thresholds: joints 3.55, additional axis 3.1, gripper 3.6, outputs 5.2,
-  // PWM 5.3, finger tips 5.8, inputs 5.59; versions are compared as the
-  // single-precision major + minor / 100, so 5.59 and 5.8 pass their own gate.
-  const Case cases[] = {
-      {3, 55, {73}, false},
-      {3, 56, {70, 73}, false},
-      {5, 59, {70, 73, 86, 87, 89}, true},
-      {5, 80, {70, 73, 86, 87, 89, 92}, true},
-  };
-  const float q[6] = {1, 2, 3, 4, 5, 6}, one = 1.0f, pwm[7] = {}, tips[5] = {};
-  for (const Case &c : cases) {
-    SCOPED_TRACE(std::to_string(c.major) + "." + std::to_string(c.minor));
-    Controller dev(c.major, c.minor);
-    ASSERT_NE(dev.ctx, nullptr);
-    KaloContext *ctx = dev.ctx;
-    EXPECT_EQ(ctx->controller_version,
-              static_cast<float>(c.major) + static_cast<float>(c.minor) / 100.0f);
-
-    auto expect = [&](int result, int field) {
-      EXPECT_EQ(result, c.accepted.count(field) ? 0 : 20) << "field " << field;
-    };
-    expect(kaloSetArticularPosition(ctx, q), 70);
-    expect(kaloSetArticularPositionOfAdditionalAxe(ctx, &one), 73);
-    expect(kaloSetGripperCommandType(ctx, 1), 86);
-    expect(kaloOutputsSetting(ctx, 1), 87);
-    expect(kaloSetPwmOutput(ctx, pwm), 89);
-    expect(kaloSetFingerTipSpeed(ctx, tips), 92);
-    EXPECT_EQ(dev.sent_soon(), c.accepted);
-
-    float values[20];
-    uint32_t tor = 0;
-    EXPECT_EQ(kaloGetArticularPosition(ctx, values), c.accepted.count(70) ? 0 : 20);
-    EXPECT_EQ(kaloGetArticularSpeed(ctx, values), c.accepted.count(70) ? 0 : 20);
-    EXPECT_EQ(kaloGetTorInputs(ctx, &tor), c.inputs ? 0 : 20);
-    EXPECT_EQ(kaloGetAnalogicInputs(ctx, values), c.inputs ? 0 : 20);
-    EXPECT_EQ(kaloGetErrorCode(ctx), 0) << "a refused version records nothing";
-  }
-}
 
 TEST(TextureForce, FiniteWrenchIsSentAndANonFiniteOneClosesTheConnection) {
   Controller dev(6, 0);

@@ -6,6 +6,7 @@
 namespace {
 std::atomic<std::size_t> g_allocations{0};
 std::atomic<int> g_active{0};
+std::atomic<long> g_live{0};
 
 [[maybe_unused]] void note_allocation() {
   if (g_active.load(std::memory_order_relaxed) > 0)
@@ -20,18 +21,33 @@ extern "C" {
 void *__libc_malloc(std::size_t);
 void *__libc_calloc(std::size_t, std::size_t);
 void *__libc_realloc(void *, std::size_t);
+void __libc_free(void *);
 
 void *malloc(std::size_t size) {
   note_allocation();
-  return __libc_malloc(size);
+  void *p = __libc_malloc(size);
+  if (p != nullptr)
+    g_live.fetch_add(1, std::memory_order_relaxed);
+  return p;
 }
 void *calloc(std::size_t n, std::size_t size) {
   note_allocation();
-  return __libc_calloc(n, size);
+  void *p = __libc_calloc(n, size);
+  if (p != nullptr)
+    g_live.fetch_add(1, std::memory_order_relaxed);
+  return p;
 }
 void *realloc(void *p, std::size_t size) {
   note_allocation();
-  return __libc_realloc(p, size);
+  void *q = __libc_realloc(p, size);
+  if (p == nullptr && q != nullptr)
+    g_live.fetch_add(1, std::memory_order_relaxed);
+  return q;
+}
+void free(void *p) {
+  if (p != nullptr)
+    g_live.fetch_sub(1, std::memory_order_relaxed);
+  __libc_free(p);
 }
 }
 #endif
@@ -46,8 +62,18 @@ bool alloc_counting_available() {
 #endif
 }
 
-AllocCounter::AllocCounter() : start_(g_allocations.load()) { g_active.fetch_add(1); }
-AllocCounter::~AllocCounter() { g_active.fetch_sub(1); }
-std::size_t AllocCounter::count() const { return g_allocations.load() - start_; }
+AllocCounter::AllocCounter() : start_(g_allocations.load()) {
+  g_active.fetch_add(1);
+}
+AllocCounter::~AllocCounter() {
+  g_active.fetch_sub(1);
+}
+long live_blocks() {
+  return g_live.load();
+}
+
+std::size_t AllocCounter::count() const {
+  return g_allocations.load() - start_;
+}
 
 } // namespace kalo_test

@@ -16,6 +16,15 @@
 
 namespace readout_test {
 
+// The identifiers a record has marked, in order, comma-separated.
+inline std::string marked(const ExchangeRecord &r) {
+  std::string ids;
+  for (int id = 1; id <= kalo::kFieldCount; ++id)
+    if (r.field_changed[id] != 0)
+      ids += (ids.empty() ? "" : ",") + std::to_string(id);
+  return ids;
+}
+
 struct FakeContext {
   std::unique_ptr<KaloContext> ctx = std::make_unique<KaloContext>();
   std::unique_ptr<float[][7]> samples = std::make_unique<float[][7]>(kalo::kTrajSampleRoom);
@@ -64,13 +73,7 @@ struct FakeContext {
   }
 
   // The identifiers marked for the next command frame.
-  std::string posted() const {
-    std::string ids;
-    for (int id = 1; id <= kalo::kFieldCount; ++id)
-      if (ctx->command_record.field_changed[id] != 0)
-        ids += (ids.empty() ? "" : ",") + std::to_string(id);
-    return ids;
-  }
+  std::string posted() const { return marked(ctx->command_record); }
   void clear_posted() { kalo::clear_changes(ctx->command_record); }
 };
 

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "device/context.h"
+#include "eventually.h"
 #include "device/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_realtime.h"
@@ -44,15 +45,7 @@ struct BareContext {
   void tick() { TR_poster_semaphore(ctx->loop_sem); }
 };
 
-template <class Predicate> bool eventually(Predicate p, std::chrono::milliseconds limit = 3000ms) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!p()) {
-    if (std::chrono::steady_clock::now() > end)
-      return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using kalo_test::eventually;
 
 struct Counter {
   std::atomic<int> calls{0};

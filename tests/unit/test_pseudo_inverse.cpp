@@ -46,22 +46,9 @@ Result pinv(const Eigen::MatrixXd &a) {
 
 } // namespace
 
-TEST(PseudoInverse, WorkRecordHasTheShapesOfItsInput) {
-  Work w = make_work(5, 3);
-  ASSERT_NE(w, nullptr);
-  const MATD *parts[] = {w->copie, w->pseudo_inverse, w->d, w->c, w->b};
-  const uint64_t shapes[][2] = {{5, 3}, {3, 5}, {3, 1}, {5, 1}, {1, 5}};
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_NE(parts[i], nullptr);
-    EXPECT_EQ(parts[i]->nb_lignes, shapes[i][0]) << i;
-    EXPECT_EQ(parts[i]->nb_colonnes, shapes[i][1]) << i;
-    EXPECT_EQ(eigen(parts[i]).norm(), 0.0) << i;
-  }
+TEST(PseudoInverse, SmallCasesWithKnownResults) {
   EXPECT_EQ(MATD_init_inverse(-1, 3), nullptr);
   MATD_detruire_inverse(nullptr);
-}
-
-TEST(PseudoInverse, SmallCasesWithKnownResults) {
   // Invertible 2 x 2: the inverse, all columns independent.
   Eigen::MatrixXd a(2, 2);
   a << 4, 7, 2, 6;

