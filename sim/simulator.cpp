@@ -274,6 +274,9 @@ struct Simulator::Impl {
   void forget_client(bool reset_power);
   void apply_inputs_locked();
   void tick(int64_t now);
+  // How late this tick runs after its scheduled time: a controller stamps a
+  // frame with its cycle's time, not with the moment its thread got the CPU.
+  int64_t tick_lag_ns = 0;
   uint32_t encode_state_frame();
   void send_frame(std::size_t size, int64_t now);
   void transmit(const unsigned char *bytes, std::size_t size);
@@ -670,7 +673,8 @@ void Simulator::Impl::tick(int64_t now) {
   const bool sending = have_client && !paused && now >= silent_until;
   if (sending) {
     clear_changes(st);
-    st.time_stamp = static_cast<int32_t>(wall_clock_us_low32());
+    st.time_stamp =
+        static_cast<int32_t>(wall_clock_us_low32() - static_cast<uint32_t>(tick_lag_ns / 1000));
     st.field_changed[1] = 1;
     for (int id : {14, 15, 21, 22, 39, 51, 54})
       st.field_changed[id] = 1;
@@ -889,7 +893,9 @@ void Simulator::Impl::run() {
     flush_delayed(now);
     if (now < next)
       continue;
+    tick_lag_ns = now - next;
     tick(now);
+    tick_lag_ns = 0;
     next += period;
     if (now - next > resync) {
       next = now + period;
