@@ -56,7 +56,7 @@ typedef struct KaloExtLinkStatistics {
 
   uint32_t interarrival_p50_us; /**< median time between two state frames */
   uint32_t interarrival_p99_us; /**< 99th percentile, from the histogram */
-  uint32_t interarrival_max_us;
+  uint32_t interarrival_max_us; /**< longest time between two state frames */
   uint64_t interarrival_histogram[KALO_EXT_HISTOGRAM_BINS]; /**< counts per bin */
   uint32_t histogram_lower_us[KALO_EXT_HISTOGRAM_BINS];     /**< lower bound of each bin */
 
@@ -69,8 +69,8 @@ typedef struct KaloExtLinkStatistics {
   uint64_t silent_periods;       /**< silences, the one going on included */
   uint64_t longest_silence_us;   /**< longest silence, the one going on included */
 
-  uint32_t recording; /**< 1 while a recording runs */
-  uint32_t reserved;
+  uint32_t recording;              /**< 1 while a recording runs */
+  uint32_t reserved;               /**< 0; keeps the next members aligned */
   uint64_t recording_rows;         /**< rows written by the current or last recording */
   uint64_t recording_rows_dropped; /**< rows lost because the writer fell behind */
 } KaloExtLinkStatistics;
