@@ -63,7 +63,12 @@ TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
     }
   });
 
-  const uint32_t frames_before = ctx->frames_received;
+  // The exchange thread counts frames under the context's lock.
+  const auto frames_received = [ctx] {
+    kalo::ContextLock hold(ctx);
+    return ctx->frames_received;
+  };
+  const uint64_t frames_before = frames_received();
   int polls = 0;
   int spoofed = 0;
   const auto end = std::chrono::steady_clock::now() + 1s;
@@ -86,7 +91,7 @@ TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
   close(stranger);
 
   EXPECT_EQ(spoofed, 0) << "of " << polls << " polls";
-  EXPECT_GT(ctx->frames_received - frames_before, 100u) << "the controller's stream went on";
+  EXPECT_GT(frames_received() - frames_before, 100u) << "the controller's stream went on";
   EXPECT_TRUE(eventually([&] { return ctx->link_counters.frames_foreign.load() >= sent.load(); }))
       << ctx->link_counters.frames_foreign.load() << " of " << sent.load() << " counted";
   EXPECT_EQ(ctx->link_counters.items_rejected.load(), 0u);
