@@ -92,13 +92,32 @@ void hand_decode(ExchangeRecord &r, const unsigned char *p, std::size_t n) {
     const int id = *p++;
     r.field_changed[id] = 1;
     switch (id) {
-    case 54: p = get32(p, v); r.alarm = static_cast<int32_t>(v); break;
-    case 22: p = get32(p, v); r.buttons = static_cast<int16_t>(v); break;
-    case 21: p = get32(p, v); r.failure = static_cast<int16_t>(v); break;
-    case 15: for (float &f : r.speed) p = getf(p, f); break;
-    case 14: for (float &f : r.position) p = getf(p, f); break;
-    case 1: p = get32(p, v); r.time_stamp = static_cast<int32_t>(v); break;
-    default: return;
+    case 54:
+      p = get32(p, v);
+      r.alarm = static_cast<int32_t>(v);
+      break;
+    case 22:
+      p = get32(p, v);
+      r.buttons = static_cast<int16_t>(v);
+      break;
+    case 21:
+      p = get32(p, v);
+      r.failure = static_cast<int16_t>(v);
+      break;
+    case 15:
+      for (float &f : r.speed)
+        p = getf(p, f);
+      break;
+    case 14:
+      for (float &f : r.position)
+        p = getf(p, f);
+      break;
+    case 1:
+      p = get32(p, v);
+      r.time_stamp = static_cast<int32_t>(v);
+      break;
+    default:
+      return;
     }
   }
 }

@@ -39,7 +39,7 @@
 namespace {
 
 constexpr int kFrames = 10000;
-constexpr int kMarkedField = 87;
+constexpr kalo::Field kMarkedField = kalo::Field::outputs;
 
 double now_us() {
   timespec t{};
@@ -248,7 +248,7 @@ void BM_ExchangeRoundTrip(benchmark::State &state) {
       controller.send_state();
       bool answered = false;
       while (!answered && controller.receive_command())
-        answered = controller.command().field_changed[kMarkedField] != 0 &&
+        answered = controller.command().field_changed[kalo::id(kMarkedField)] != 0 &&
                    controller.command().outputs == i;
       const double t1 = now_us();
       if (answered)

@@ -164,11 +164,11 @@ public:
   // The trajectory that sampling streams: sample i (item 29) is path[i % size];
   // with an empty path (the default) every sample is the handle's pose.
   void set_trajectory(std::vector<Pose> path);
-  void set_center_sphere(const Pose &);                  // item 64
-  void set_axis_of_rotation(const Vec3 &);               // item 65
-  void set_pose(const Pose &);                           // moves the handle there, at rest
-  void set_power(bool on);                               // as if item 25 had arrived
-  void set_hand(const Hand &);                           // the scripted operator hand
+  void set_center_sphere(const Pose &);    // item 64
+  void set_axis_of_rotation(const Vec3 &); // item 65
+  void set_pose(const Pose &);             // moves the handle there, at rest
+  void set_power(bool on);                 // as if item 25 had arrived
+  void set_hand(const Hand &);             // the scripted operator hand
   // Changes the counts (items 52 and 69), which head every frame.
   void set_counts(int control_points, int axes);
 

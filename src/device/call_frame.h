@@ -227,7 +227,7 @@ inline bool timed_wait(TR_SEMAPHORE *s, int ms) {
 // Queries are answered one at a time: the reply semaphore and the backend's
 // pending request are single slots, so a second query in flight would take
 // the first one's reply or leave it waiting for nothing.
-template <class Copy> int query_call(KaloContext *ctx, int wanted, Copy &&copy) {
+template <class Copy> int query_call(KaloContext *ctx, Field wanted, Copy &&copy) {
   if (!enter(ctx))
     return -1;
   WaitGuard guard(ctx);
@@ -241,8 +241,8 @@ template <class Copy> int query_call(KaloContext *ctx, int wanted, Copy &&copy) 
     // A reply that arrived after an earlier query gave up must not answer this one.
     while (sem_trywait(&ctx->reply_sem->u.semaphore) == 0) {
     }
-    ctx->command_record.request = static_cast<int16_t>(wanted);
-    post_field(ctx->command_record, 20);
+    ctx->command_record.request = static_cast<int16_t>(id(wanted));
+    post_field(ctx->command_record, Field::request);
   }
   const bool answered = timed_wait(ctx->reply_sem, kReplyTimeoutMs);
   if (guard.cancelled())

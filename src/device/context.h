@@ -69,17 +69,17 @@ struct KaloContext {
   std::atomic<uint64_t> last_frame_time;
 
   // ---- parameters
-  float time_step;         // seconds, the application's declared step
-  float max_linear_speed;  // from the controller's item 56
+  float time_step;        // seconds, the application's declared step
+  float max_linear_speed; // from the controller's item 56
   float max_angular_speed;
   float current_force_factor;
   float observation_frame_copy[7];
   float base_frame_copy[7];
 
   // ---- speed-factor smoothing (1x1 matrices) and its filter
-  MATD *speed_factor_target;   // 1.0 at open
+  MATD *speed_factor_target; // 1.0 at open
   MATD *speed_factor_filtered;
-  MATD *speed_factor_cutoff;   // 0.5 Hz
+  MATD *speed_factor_cutoff; // 0.5 Hz
   TSIG_FILTRE *speed_factor_filter;
   std::atomic<uint32_t> filter_disabled;
 
@@ -153,9 +153,9 @@ struct KaloContext {
 
   // ---- thread lifetimes. Threads are never cancelled: each one ends by itself
   // and says so, and kaloClose waits for that before it frees anything.
-  TR_SEMAPHORE *backend_exited;  // posted once when the exchange thread ends
-  TR_SEMAPHORE *loop_exited;     // posted by a loop thread when it ends
-  TR_TACHE *loop_task_finishing; // a stopped loop whose thread has not been waited for yet
+  TR_SEMAPHORE *backend_exited;           // posted once when the exchange thread ends
+  TR_SEMAPHORE *loop_exited;              // posted by a loop thread when it ends
+  TR_TACHE *loop_task_finishing;          // a stopped loop whose thread has not been waited for yet
   std::atomic<uint32_t> watchdog_started; // watchdog threads that entered / left
   std::atomic<uint32_t> watchdog_ended;
   // Threads inside a library wait (button, upper bound, trajectory samples,

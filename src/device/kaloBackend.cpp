@@ -32,15 +32,6 @@ namespace {
 
 using kalo::ContextLock;
 
-constexpr int kHelloField = 44;
-constexpr int kTimeStampField = 1;
-constexpr int kRequestField = 20;
-constexpr int kButtonsField = 22;
-constexpr int kTrajSampleField = 29;
-constexpr int kUpperBoundField = 49;
-constexpr int kEnergyOffField = 57;
-constexpr int kMouseField = 60;
-
 // A controller silent for this long gets the hello again, and again every
 // this long until it answers: a restarted controller picks the connection up.
 constexpr uint64_t kSilenceUs = 500000;
@@ -55,7 +46,7 @@ enum class SendResult { sent, dropped, failed };
 SendResult send_marked_fields(KaloContext *ctx, unsigned char *frame) {
   ExchangeRecord &cmd = ctx->command_record;
   cmd.time_stamp = static_cast<int32_t>(static_cast<uint32_t>(getTime(ctx)));
-  kalo::post_field(cmd, kTimeStampField);
+  kalo::post_field(cmd, kalo::Field::time_stamp);
   const uint32_t size = encode_decode(kalo::kModeEncode, &cmd, frame, kalo::kFrameCapacity);
   SendResult result = SendResult::dropped;
   if (size != kalo::kCodecFailure && size <= kalo::kFrameCapacity) {
@@ -75,7 +66,7 @@ void react_to_state(KaloContext *ctx, int &pending_request) {
   ExchangeRecord &state = ctx->state_record;
   const uint32_t *arrived = state.field_changed;
 
-  if (arrived[kMouseField] != 0) {
+  if (kalo::carries(state, kalo::Field::mouse_state)) {
     const int32_t m = state.mouse_state.state;
     if (m == 1 && ctx->mouse_previous_state == 0)
       active_mouse(ctx);
@@ -87,15 +78,15 @@ void react_to_state(KaloContext *ctx, int &pending_request) {
     }
     ctx->mouse_previous_state = m;
   }
-  if (arrived[kEnergyOffField] != 0)
+  if (kalo::carries(state, kalo::Field::energy_control_off))
     deactive_control_ener_cine(ctx);
-  if (arrived[kUpperBoundField] != 0)
+  if (kalo::carries(state, kalo::Field::vm_wait_upper_bound))
     TR_poster_semaphore(ctx->upper_bound_sem);
-  if (arrived[kTrajSampleField] != 0)
+  if (kalo::carries(state, kalo::Field::traj_sample))
     TR_poster_semaphore(ctx->traj_sample_sem);
   // The button check runs the call frame, whose connection check would
   // record a spurious code 2 while kaloOpen still waits for the first frame.
-  if (arrived[kButtonsField] != 0 && ctx->connected.load() != 0)
+  if (kalo::carries(state, kalo::Field::buttons) && ctx->connected.load() != 0)
     CheckPressButton(ctx);
   if (pending_request > 0 && pending_request <= kalo::kFieldCount &&
       arrived[pending_request] != 0) {
@@ -150,7 +141,7 @@ void *_backendThread(void *context) {
   bool hello_sent;
   {
     ContextLock hold(ctx);
-    kalo::post_field(ctx->command_record, kHelloField);
+    kalo::post_field(ctx->command_record, kalo::Field::hello);
     hello_sent = send_marked_fields(ctx, frame) == SendResult::sent;
     if (!hello_sent)
       ctx->error_code = KALO_ERROR_COMMUNICATION;
@@ -166,8 +157,7 @@ void *_backendThread(void *context) {
     if (arrival == kalo::Arrival::foreign) {
       kalo::count_one(ctx->link_counters.frames_foreign);
       kalo::record_event(ctx, KALO_EXT_EVENT_FOREIGN_DATAGRAM, 0, 0);
-    }
-    else if (arrival == kalo::Arrival::malformed)
+    } else if (arrival == kalo::Arrival::malformed)
       kalo::count_one(ctx->link_counters.frames_malformed);
     if (received < 1) {
       if (errno == EAGAIN || errno == EWOULDBLOCK || arrival == kalo::Arrival::foreign) {
@@ -215,12 +205,12 @@ void *_backendThread(void *context) {
       ExchangeRecord &cmd = ctx->command_record;
       SendResult sent = SendResult::dropped;
       if (silent && now - last_hello >= kSilenceUs) {
-        kalo::post_field(cmd, kHelloField);
+        kalo::post_field(cmd, kalo::Field::hello);
         kalo::count_one(ctx->link_counters.hellos_resent);
         last_hello = now;
       }
       if (cmd.send_request != 0) {
-        if (cmd.field_changed[kRequestField] != 0)
+        if (kalo::carries(cmd, kalo::Field::request))
           pending_request = cmd.request;
         sent = send_marked_fields(ctx, frame);
         ctx->frames_sent++;

@@ -21,8 +21,6 @@
 
 namespace {
 
-constexpr int kCloseRequestField = 37;
-
 void destroy_semaphore(TR_SEMAPHORE *&s) {
   if (s != nullptr)
     TR_detruire_semaphore(s);
@@ -147,7 +145,7 @@ int32_t kaloClose(KaloContext *context) {
 
   {
     kalo::ContextLock hold(ctx);
-    kalo::post_field(ctx->command_record, kCloseRequestField);
+    kalo::post_field(ctx->command_record, kalo::Field::close_request);
     ctx->backend_stop = 1;
   }
   // The exchange thread sends the closing request with its answer to the next

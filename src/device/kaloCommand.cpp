@@ -25,21 +25,23 @@ constexpr int kModeByteOf[8] = {0, -1, -1, 4, 9, 10, 1, 3};
 // Command type reported for mode bytes 1..10.
 constexpr uint32_t kCommandTypeOfMode[10] = {6, 0, 7, 3, 0, 0, 0, 0, 4, 5};
 
-inline bool coupling_type(uint32_t type) { return type == 4 || type == 5; }
+inline bool coupling_type(uint32_t type) {
+  return type == 4 || type == 5;
+}
 
 // Field 61 opens the set-point stream; it goes out once per connection, with
 // the first force or position set-point.
 void start_stream(KaloContext &c) {
   if (c.stream_started == 0) {
     c.stream_started = 1;
-    kalo::post_field(c.command_record, 61);
+    kalo::post_field(c.command_record, kalo::Field::set_point_marker);
   }
 }
 
 // Both floats of a speed-control item, stored in reverse argument order as
 // the controller expects them.
 int speed_control(KaloContext *ctx, float a, float b, kalo::SpeedControl ExchangeRecord::*member,
-                  int field) {
+                  kalo::Field field) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_scalars_or_refused(a, b) != 0 || a < 0.0f || b < 0.0f)
       return KALO_ERROR_INCORRECT_VALUE;
@@ -52,7 +54,8 @@ int speed_control(KaloContext *ctx, float a, float b, kalo::SpeedControl Exchang
   });
 }
 
-int speed_control_off(KaloContext *ctx, kalo::SpeedControl ExchangeRecord::*member, int field) {
+int speed_control_off(KaloContext *ctx, kalo::SpeedControl ExchangeRecord::*member,
+                      kalo::Field field) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     (c.command_record.*member).mode = 0;
     kalo::post_field(c.command_record, field);
@@ -123,10 +126,10 @@ int complete_attach(KaloContext *ctx) {
   {
     kalo::ContextLock hold(ctx);
     if (ctx->command_record.vo_attached == 1)
-      kalo::post_field(ctx->command_record, 11);
+      kalo::post_field(ctx->command_record, kalo::Field::vo_attached);
     if (ctx->command_record.avatar_attached == 1)
-      ctx->command_record.field_changed[23] = 1;
-    kalo::post_field(ctx->command_record, 14);
+      kalo::post_field(ctx->command_record, kalo::Field::avatar_attached);
+    kalo::post_field(ctx->command_record, kalo::Field::position);
   }
   kaloGetSimulationStiffness(ctx, ignored);
   kaloGetSimulationStiffness(ctx, ignored);
@@ -146,7 +149,7 @@ int32_t kaloSetCommandType(KaloContext *context, uint32_t type) {
     if (type > 7 || kModeByteOf[type] < 0)
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.command_type = static_cast<char>(kModeByteOf[type]);
-    kalo::post_field(c.command_record, 24);
+    kalo::post_field(c.command_record, kalo::Field::command_type);
     return KALO_NO_ERROR;
   });
   if (result != 0)
@@ -162,7 +165,7 @@ int32_t kaloGetCommandType(KaloContext *context, uint32_t *type) {
     context->error_code = KALO_ERROR_INCORRECT_VALUE;
     return -1;
   }
-  return kalo::query_call(context, 24, [&](KaloContext &c) {
+  return kalo::query_call(context, kalo::Field::command_type, [&](KaloContext &c) {
     const int mode = static_cast<unsigned char>(c.state_record.command_type);
     *type = mode >= 1 && mode <= 10 ? kCommandTypeOfMode[mode - 1] : 0;
   });
@@ -179,16 +182,17 @@ int32_t kaloSetForce(KaloContext *context, const float *force) {
     start_stream(*context);
     points = kalo::points_in_use(*context);
   }
-  const int walked = kalo::each_set_point(context, force, 6, points, [&](const float *entry, int32_t i) {
-    float converted[6];
-    ecriture_force(context, entry, converted, i);
-    std::memcpy(context->command_record.force + 6 * i, converted, sizeof converted);
-    return 0;
-  });
+  const int walked =
+      kalo::each_set_point(context, force, 6, points, [&](const float *entry, int32_t i) {
+        float converted[6];
+        ecriture_force(context, entry, converted, i);
+        std::memcpy(context->command_record.force + 6 * i, converted, sizeof converted);
+        return 0;
+      });
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);
-  kalo::post_field(context->command_record, 16);
+  kalo::post_field(context->command_record, kalo::Field::force);
   return 0;
 }
 
@@ -205,7 +209,7 @@ int32_t kaloAddForce(KaloContext *context, const float *force) {
     return kalo::reject_non_finite(context, force, 6);
   kalo::ContextLock hold(context);
   std::memcpy(context->command_record.added_force, force, sizeof(float) * 6);
-  kalo::post_field(context->command_record, 80);
+  kalo::post_field(context->command_record, kalo::Field::added_force);
   return 0;
 }
 
@@ -228,19 +232,20 @@ int32_t kaloSetPosition(KaloContext *context, const float *position) {
     points = kalo::points_in_use(*context);
   }
   const uint32_t type = context->active_command_type.load();
-  const int walked = kalo::each_set_point(context, position, 7, points, [&](const float *entry, int32_t i) {
-    if (test_deplacement_valide(entry) == 0)
-      return KALO_ERROR_INCORRECT_VALUE; // the connection stays open
-    ServoPoint &p = context->servo[i];
-    ecriture_position(context, entry, i);
-    if (coupling_type(type))
-      couple_position(context, p);
-    else if (type == 2 && p.object_attached != 0)
-      p.object_attached = 0;
-    // The controller gets the pose as the application gave it.
-    std::memcpy(context->command_record.position + 7 * i, entry, sizeof(float) * 7);
-    return 0;
-  });
+  const int walked =
+      kalo::each_set_point(context, position, 7, points, [&](const float *entry, int32_t i) {
+        if (test_deplacement_valide(entry) == 0)
+          return KALO_ERROR_INCORRECT_VALUE; // the connection stays open
+        ServoPoint &p = context->servo[i];
+        ecriture_position(context, entry, i);
+        if (coupling_type(type))
+          couple_position(context, p);
+        else if (type == 2 && p.object_attached != 0)
+          p.object_attached = 0;
+        // The controller gets the pose as the application gave it.
+        std::memcpy(context->command_record.position + 7 * i, entry, sizeof(float) * 7);
+        return 0;
+      });
   if (walked != 0)
     return walked;
   uint32_t attach;
@@ -248,7 +253,7 @@ int32_t kaloSetPosition(KaloContext *context, const float *position) {
     kalo::ContextLock hold(context);
     attach = context->attach_pending;
     if (!coupling_type(type) || attach != 1) {
-      kalo::post_field(context->command_record, 14);
+      kalo::post_field(context->command_record, kalo::Field::position);
       return 0;
     }
   }
@@ -266,36 +271,37 @@ int32_t kaloSetSpeed(KaloContext *context, const float *speed) {
     kalo::ContextLock hold(context);
     points = kalo::points_in_use(*context);
   }
-  const int walked = kalo::each_set_point(context, speed, 6, points, [&](const float *entry, int32_t i) {
-    float converted[6];
-    ecriture_vitesse(context, entry, converted, i);
-    // Outside the coupling types the converted speed is not stored: only the
-    // field is marked (the controller has always been sent it that way).
-    if (!coupling_type(type))
-      return 0;
-    ServoPoint &p = context->servo[i];
-    const int32_t guard = control_ener_cine_vitesse(context, entry, i);
-    if (p.speed_power_wait > 0)
-      --p.speed_power_wait;
-    if (guard == -1 && p.speed_power_requested == 1) {
-      p.speed_power_requested = 0;
-      kaloSetPowerOn(context, 0);
-      return KALO_ERROR_POSITION_DISCONTINUITY;
-    }
-    if (guard == -1) {
-      // Power comes back only after 10 s worth of time steps without a refusal.
-      p.speed_power_wait = static_cast<int32_t>(10.0 / static_cast<double>(context->time_step));
-    } else if (p.speed_power_requested == 0 && p.speed_power_wait == 0) {
-      p.speed_power_requested = 1;
-      kaloSetPowerOn(context, 1);
-    }
-    std::memcpy(context->command_record.speed + 6 * i, converted, sizeof converted);
-    return 0;
-  });
+  const int walked =
+      kalo::each_set_point(context, speed, 6, points, [&](const float *entry, int32_t i) {
+        float converted[6];
+        ecriture_vitesse(context, entry, converted, i);
+        // Outside the coupling types the converted speed is not stored: only the
+        // field is marked (the controller has always been sent it that way).
+        if (!coupling_type(type))
+          return 0;
+        ServoPoint &p = context->servo[i];
+        const int32_t guard = control_ener_cine_vitesse(context, entry, i);
+        if (p.speed_power_wait > 0)
+          --p.speed_power_wait;
+        if (guard == -1 && p.speed_power_requested == 1) {
+          p.speed_power_requested = 0;
+          kaloSetPowerOn(context, 0);
+          return KALO_ERROR_POSITION_DISCONTINUITY;
+        }
+        if (guard == -1) {
+          // Power comes back only after 10 s worth of time steps without a refusal.
+          p.speed_power_wait = static_cast<int32_t>(10.0 / static_cast<double>(context->time_step));
+        } else if (p.speed_power_requested == 0 && p.speed_power_wait == 0) {
+          p.speed_power_requested = 1;
+          kaloSetPowerOn(context, 1);
+        }
+        std::memcpy(context->command_record.speed + 6 * i, converted, sizeof converted);
+        return 0;
+      });
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);
-  kalo::post_field(context->command_record, 15);
+  kalo::post_field(context->command_record, kalo::Field::speed);
   return 0;
 }
 
@@ -305,7 +311,8 @@ int32_t kaloGetPosition(KaloContext *context, float *position) {
     if (position == nullptr && points > 0)
       return KALO_ERROR_INCORRECT_VALUE;
     if (points > 0)
-      std::memcpy(position, c.state_record.position, sizeof(float) * 7 * static_cast<size_t>(points));
+      std::memcpy(position, c.state_record.position,
+                  sizeof(float) * 7 * static_cast<size_t>(points));
     for (int32_t i = 0; i < points; ++i)
       lecture_position(context, position + 7 * i, i);
     return KALO_NO_ERROR;
@@ -318,7 +325,8 @@ int32_t kaloGetSpeed(KaloContext *context, float *speed) {
     if (speed == nullptr && points > 0)
       return KALO_ERROR_INCORRECT_VALUE;
     if (points > 0)
-      std::memcpy(c.scratch_speed, c.state_record.speed, sizeof(float) * 6 * static_cast<size_t>(points));
+      std::memcpy(c.scratch_speed, c.state_record.speed,
+                  sizeof(float) * 6 * static_cast<size_t>(points));
     for (int32_t i = 0; i < points; ++i)
       lecture_vitesse(context, c.scratch_speed + 6 * i, speed + 6 * i, i);
     return KALO_NO_ERROR;
@@ -342,29 +350,31 @@ int32_t kaloSetPowerOn(KaloContext *context, uint32_t on) {
     if (on > 1)
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.power_on = static_cast<char>(on);
-    kalo::post_field(c.command_record, 25);
+    kalo::post_field(c.command_record, kalo::Field::power_on);
     return KALO_NO_ERROR;
   });
 }
 
 int32_t kaloActiveSpeedControl(KaloContext *context, float a, float b) {
-  return speed_control(context, a, b, &ExchangeRecord::speed_control, 58);
+  return speed_control(context, a, b, &ExchangeRecord::speed_control, kalo::Field::speed_control);
 }
 
 int32_t kaloDeactiveSpeedControl(KaloContext *context) {
-  return speed_control_off(context, &ExchangeRecord::speed_control, 59);
+  return speed_control_off(context, &ExchangeRecord::speed_control, kalo::Field::speed_control_off);
 }
 
 int32_t kaloActiveRotationSpeedControl(KaloContext *context, float a, float b) {
   if (kalo::version_refused(context, 3.2))
     return KALO_ERROR_INCOMPATIBLE_VERSION;
-  return speed_control(context, a, b, &ExchangeRecord::rotation_speed_control, 82);
+  return speed_control(context, a, b, &ExchangeRecord::rotation_speed_control,
+                       kalo::Field::rotation_speed_control);
 }
 
 int32_t kaloDeactiveRotationSpeedControl(KaloContext *context) {
   if (kalo::version_refused(context, 3.2))
     return KALO_ERROR_INCOMPATIBLE_VERSION;
-  return speed_control_off(context, &ExchangeRecord::rotation_speed_control, 83);
+  return speed_control_off(context, &ExchangeRecord::rotation_speed_control,
+                           kalo::Field::rotation_speed_control_off);
 }
 
 int32_t kaloSetForceInSpeedControl(KaloContext *context, float force) {
@@ -372,7 +382,7 @@ int32_t kaloSetForceInSpeedControl(KaloContext *context, float force) {
     if (kalo::finite_scalars_or_refused(force) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.force_in_speed_control = force;
-    kalo::post_field(c.command_record, 84);
+    kalo::post_field(c.command_record, kalo::Field::force_in_speed_control);
     return KALO_NO_ERROR;
   });
 }
@@ -382,7 +392,7 @@ int32_t kaloSetTorqueInSpeedControl(KaloContext *context, float torque) {
     if (kalo::finite_scalars_or_refused(torque) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.torque_in_speed_control = torque;
-    kalo::post_field(c.command_record, 85);
+    kalo::post_field(c.command_record, kalo::Field::torque_in_speed_control);
     return KALO_NO_ERROR;
   });
 }
@@ -400,7 +410,7 @@ int32_t kaloIsInSpeedControl(KaloContext *context, int32_t *first, int32_t *seco
 int32_t kaloEnableForceFeedback(KaloContext *context, int32_t enable) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     c.command_record.force_feedback_enabled = enable;
-    kalo::post_field(c.command_record, 77);
+    kalo::post_field(c.command_record, kalo::Field::force_feedback_enabled);
     return KALO_NO_ERROR;
   });
 }
@@ -410,7 +420,7 @@ int32_t kaloForceShiftButton(KaloContext *context, int32_t value) {
     return KALO_ERROR_INCOMPATIBLE_VERSION;
   return kalo::locked_call(context, [&](KaloContext &c) {
     c.command_record.force_shift_button = value;
-    kalo::post_field(c.command_record, 79);
+    kalo::post_field(c.command_record, kalo::Field::force_shift_button);
     return KALO_NO_ERROR;
   });
 }
@@ -421,7 +431,7 @@ int32_t kaloSetIndexingMode(KaloContext *context, uint32_t mode) {
       return KALO_ERROR_INCORRECT_VALUE;
     c.active_indexing_mode = mode;
     c.command_record.indexing_mode = static_cast<char>(mode);
-    kalo::post_field(c.command_record, 19);
+    kalo::post_field(c.command_record, kalo::Field::indexing_mode);
     return KALO_NO_ERROR;
   });
 }

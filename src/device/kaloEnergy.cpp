@@ -17,7 +17,9 @@
 
 namespace {
 
-double sign(double x) { return x > 0.0 ? 1.0 : (x < 0.0 ? -1.0 : 0.0); }
+double sign(double x) {
+  return x > 0.0 ? 1.0 : (x < 0.0 ? -1.0 : 0.0);
+}
 
 // Updates the energy history with e and returns the peak to compare.
 double follow_peak(EnergyTrack &t, double e) {

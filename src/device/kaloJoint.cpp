@@ -29,7 +29,7 @@ inline size_t axis_values(const KaloContext &c) {
 
 // One joint array (axis_count values) into field `field` of the command record.
 int set_articular(KaloContext *ctx, const float *q,
-                  float (ExchangeRecord::*member)[kalo::kArticularRoom], int field) {
+                  float (ExchangeRecord::*member)[kalo::kArticularRoom], kalo::Field field) {
   if (articular_refused(ctx))
     return KALO_ERROR_INCOMPATIBLE_VERSION;
   return kalo::locked_call(ctx, [&](KaloContext &c) {
@@ -43,7 +43,7 @@ int set_articular(KaloContext *ctx, const float *q,
 
 // One float of the additional axis (controllers above 3.1).
 int set_additional_axis(KaloContext *ctx, const float *value, float ExchangeRecord::*member,
-                        int field) {
+                        kalo::Field field) {
   return kalo::gated_call(ctx, 3.1, [&](KaloContext &c) {
     if (kalo::finite_or_refused(value, 1) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
@@ -62,33 +62,37 @@ inline bool in_unit_range(float x) {
 extern "C" {
 
 int32_t kaloSetArticularPosition(KaloContext *context, const float *q) {
-  return set_articular(context, q, &ExchangeRecord::articular_position, 70);
+  return set_articular(context, q, &ExchangeRecord::articular_position,
+                       kalo::Field::articular_position);
 }
 
 int32_t kaloSetArticularSpeed(KaloContext *context, const float *q) {
-  return set_articular(context, q, &ExchangeRecord::articular_speed, 71);
+  return set_articular(context, q, &ExchangeRecord::articular_speed, kalo::Field::articular_speed);
 }
 
 int32_t kaloSetArticularForce(KaloContext *context, const float *q) {
-  return set_articular(context, q, &ExchangeRecord::articular_force, 72);
+  return set_articular(context, q, &ExchangeRecord::articular_force, kalo::Field::articular_force);
 }
 
 int32_t kaloSetArticularPositionOfAdditionalAxe(KaloContext *context, const float *value) {
-  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_position, 73);
+  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_position,
+                             kalo::Field::additional_axis_position);
 }
 
 int32_t kaloSetArticularSpeedOfAdditionalAxe(KaloContext *context, const float *value) {
-  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_speed, 74);
+  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_speed,
+                             kalo::Field::additional_axis_speed);
 }
 
 int32_t kaloSetArticularForceOfAdditionalAxe(KaloContext *context, const float *value) {
-  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_force, 81);
+  return set_additional_axis(context, value, &ExchangeRecord::additional_axis_force,
+                             kalo::Field::additional_axis_force);
 }
 
 int32_t kaloSetGripperCommandType(KaloContext *context, uint32_t type) {
   return kalo::gated_call(context, 3.6, [&](KaloContext &c) {
     c.command_record.gripper_command_type = static_cast<int32_t>(type);
-    kalo::post_field(c.command_record, 86);
+    kalo::post_field(c.command_record, kalo::Field::gripper_command_type);
     return 0;
   });
 }
@@ -96,7 +100,7 @@ int32_t kaloSetGripperCommandType(KaloContext *context, uint32_t type) {
 int32_t kaloOutputsSetting(KaloContext *context, uint32_t outputs) {
   return kalo::gated_call(context, 5.2, [&](KaloContext &c) {
     c.command_record.outputs = static_cast<int32_t>(outputs);
-    kalo::post_field(c.command_record, 87);
+    kalo::post_field(c.command_record, kalo::Field::outputs);
     return 0;
   });
 }
@@ -106,7 +110,7 @@ int32_t kaloSetPwmOutput(KaloContext *context, const float pwm[7]) {
     if (kalo::finite_or_refused(pwm, 7) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.pwm_output, pwm, sizeof c.command_record.pwm_output);
-    kalo::post_field(c.command_record, 89);
+    kalo::post_field(c.command_record, kalo::Field::pwm_output);
     return 0;
   });
 }
@@ -116,7 +120,7 @@ int32_t kaloSetFingerTipSpeed(KaloContext *context, const float speed[5]) {
     if (kalo::finite_or_refused(speed, 5) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.finger_tip_speed, speed, sizeof c.command_record.finger_tip_speed);
-    kalo::post_field(c.command_record, 92);
+    kalo::post_field(c.command_record, kalo::Field::finger_tip_speed);
     return 0;
   });
 }
@@ -128,14 +132,14 @@ int32_t kaloSetFrictionForce(KaloContext *context, float a, float b, float c) {
     k.command_record.friction_force[0] = a;
     k.command_record.friction_force[1] = b;
     k.command_record.friction_force[2] = c;
-    kalo::post_field(k.command_record, 62);
+    kalo::post_field(k.command_record, kalo::Field::friction_force);
     return 0;
   });
 }
 
 int32_t kaloGenerateDebugFile(KaloContext *context) {
   return kalo::locked_call(context, [](KaloContext &c) {
-    kalo::post_field(c.command_record, 63);
+    kalo::post_field(c.command_record, kalo::Field::debug_file);
     return 0;
   });
 }
@@ -175,7 +179,7 @@ int32_t kaloSetTexture(KaloContext *context, const float *position, const float 
     if (i + 1 < points && !in_unit_range(intensity[i + 1]))
       return KALO_ERROR_INCORRECT_VALUE;
   }
-  kalo::post_field(r, 17);
+  kalo::post_field(r, kalo::Field::texture);
   return 0;
 }
 
@@ -204,7 +208,7 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);
-  kalo::post_field(context->command_record, 18);
+  kalo::post_field(context->command_record, kalo::Field::texture_force);
   return 0;
 }
 

@@ -222,7 +222,7 @@ int32_t kaloAPIVersion(int32_t *major, int32_t *minor) {
 }
 
 int32_t kaloGetControlerVersion(KaloContext *context, int32_t *major, int32_t *minor) {
-  return kalo::query_call(context, 38, [&](KaloContext &ctx) {
+  return kalo::query_call(context, kalo::Field::controller_version, [&](KaloContext &ctx) {
     if (major != nullptr)
       *major = ctx.state_record.controller_version[0];
     if (minor != nullptr)
@@ -233,7 +233,7 @@ int32_t kaloGetControlerVersion(KaloContext *context, int32_t *major, int32_t *m
 int32_t kaloGetDeviceID(KaloContext *context, int32_t *device_type, int32_t *serial_number) {
   if (kalo::version_refused(context, kDeviceIdMinimumVersion))
     return KALO_ERROR_INCOMPATIBLE_VERSION;
-  return kalo::query_call(context, 88, [&](KaloContext &ctx) {
+  return kalo::query_call(context, kalo::Field::device_id, [&](KaloContext &ctx) {
     if (device_type != nullptr)
       *device_type = ctx.state_record.device_id[0];
     if (serial_number != nullptr)
@@ -245,14 +245,14 @@ int32_t kaloDisableControlConnexion(KaloContext *context, int32_t disabled) {
   const int32_t result = kalo::locked_call(context, [&](KaloContext &ctx) {
     ctx.control_connection_disabled = static_cast<uint32_t>(disabled);
     ctx.command_record.control_connection_disabled = disabled;
-    kalo::post_field(ctx.command_record, 50);
+    kalo::post_field(ctx.command_record, kalo::Field::control_connection_disabled);
     return KALO_NO_ERROR;
   });
   if (result != 0)
     return result;
   // One stiffness query as a round trip: the controller has taken the flag
   // when it answers. Its result does not matter.
-  kalo::query_call(context, 2, [](KaloContext &) {});
+  kalo::query_call(context, kalo::Field::simulation_stiffness, [](KaloContext &) {});
   return 0;
 }
 
@@ -289,7 +289,7 @@ int32_t sendAPIVersion(KaloContext *context) {
   return kalo::locked_call(context, [&](KaloContext &ctx) {
     ctx.command_record.api_version[0] = major;
     ctx.command_record.api_version[1] = minor;
-    kalo::post_field(ctx.command_record, 78);
+    kalo::post_field(ctx.command_record, kalo::Field::api_version);
     return KALO_NO_ERROR;
   });
 }

@@ -39,7 +39,7 @@ int set_positive(KaloContext *ctx, float value, float KaloContext::*member) {
 // Copies N floats into a command field and marks it.
 template <size_t N>
 int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*member)[N],
-                int field) {
+                kalo::Field field) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_or_refused(values, static_cast<int>(N)) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
@@ -50,8 +50,8 @@ int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*m
 }
 
 // A frame the context remembers and sends; refused (9) unless its quaternion is a unit one.
-int send_frame(KaloContext *ctx, const float *frame, float (ExchangeRecord::*member)[7], int field,
-               float (KaloContext::*copy)[7]) {
+int send_frame(KaloContext *ctx, const float *frame, float (ExchangeRecord::*member)[7],
+               kalo::Field field, float (KaloContext::*copy)[7]) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_or_refused(frame, 7) != 0 || test_deplacement_valide(frame) == 0)
       return KALO_ERROR_INCORRECT_VALUE;
@@ -72,15 +72,16 @@ int read_frame(KaloContext *ctx, float *frame, float (KaloContext::*copy)[7]) {
 }
 
 // The first control point's six gains, asked of the controller.
-int query_gains(KaloContext *ctx, float *out, int field) {
+int query_gains(KaloContext *ctx, float *out, kalo::Field field) {
   if (kalo::is_live(ctx) && out == nullptr) {
     ctx->error_code = KALO_ERROR_INCORRECT_VALUE;
     return -1;
   }
   return kalo::query_call(ctx, field, [&](KaloContext &c) {
-    std::memcpy(
-        out, field == 2 ? c.state_record.simulation_stiffness : c.state_record.simulation_damping,
-        sizeof(float) * 6);
+    std::memcpy(out,
+                field == kalo::Field::simulation_stiffness ? c.state_record.simulation_stiffness
+                                                           : c.state_record.simulation_damping,
+                sizeof(float) * 6);
   });
 }
 
@@ -118,7 +119,7 @@ int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age) {
 }
 
 int32_t getMaxSpeed(KaloContext *context) {
-  return kalo::query_call(context, 56, [](KaloContext &c) {
+  return kalo::query_call(context, kalo::Field::max_speed, [](KaloContext &c) {
     c.max_linear_speed = c.state_record.max_speed[0];
     c.max_angular_speed = c.state_record.max_speed[1];
   });
@@ -132,7 +133,7 @@ int32_t kaloSetSpeedFactor(KaloContext *context, float factor) {
     // smoothing filter walks towards it and kaloSetPosition sends the steps.
     if (c.active_command_type.load() == 3) {
       c.command_record.speed_factor = factor;
-      kalo::post_field(c.command_record, 4);
+      kalo::post_field(c.command_record, kalo::Field::speed_factor);
     } else {
       c.speed_factor_target->donnees[0] = static_cast<double>(factor);
     }
@@ -152,7 +153,7 @@ int32_t kaloGetSpeedFactor(KaloContext *context, float *factor) {
 int32_t SendSpeedFactor(KaloContext *context) {
   return kalo::locked_call(context, [](KaloContext &c) {
     c.command_record.speed_factor = static_cast<float>(c.speed_factor_filtered->donnees[0]);
-    kalo::post_field(c.command_record, 4);
+    kalo::post_field(c.command_record, kalo::Field::speed_factor);
     return KALO_NO_ERROR;
   });
 }
@@ -162,7 +163,7 @@ int32_t kaloSetForceFactor(KaloContext *context, float factor) {
     if (!kalo::finite_positive(factor))
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.force_factor = factor;
-    kalo::post_field(c.command_record, 5);
+    kalo::post_field(c.command_record, kalo::Field::force_factor);
     c.current_force_factor = factor;
     return KALO_NO_ERROR;
   });
@@ -173,24 +174,26 @@ int32_t kaloGetForceFactor(KaloContext *context, float *factor) {
 }
 
 int32_t kaloSetSimulationStiffness(KaloContext *context, const float *stiffness) {
-  return send_floats(context, stiffness, &ExchangeRecord::simulation_stiffness, 2);
+  return send_floats(context, stiffness, &ExchangeRecord::simulation_stiffness,
+                     kalo::Field::simulation_stiffness);
 }
 
 int32_t kaloGetSimulationStiffness(KaloContext *context, float *stiffness) {
-  return query_gains(context, stiffness, 2);
+  return query_gains(context, stiffness, kalo::Field::simulation_stiffness);
 }
 
 int32_t kaloSetSimulationDamping(KaloContext *context, const float *damping) {
-  return send_floats(context, damping, &ExchangeRecord::simulation_damping, 3);
+  return send_floats(context, damping, &ExchangeRecord::simulation_damping,
+                     kalo::Field::simulation_damping);
 }
 
 int32_t kaloGetSimulationDamping(KaloContext *context, float *damping) {
-  return query_gains(context, damping, 3);
+  return query_gains(context, damping, kalo::Field::simulation_damping);
 }
 
 int32_t kaloSetObservationFrame(KaloContext *context, const float *frame) {
-  return send_frame(context, frame, &ExchangeRecord::observation_frame, 7,
-                    &KaloContext::observation_frame_copy);
+  return send_frame(context, frame, &ExchangeRecord::observation_frame,
+                    kalo::Field::observation_frame, &KaloContext::observation_frame_copy);
 }
 
 int32_t kaloGetObservationFrame(KaloContext *context, float *frame) {
@@ -198,11 +201,13 @@ int32_t kaloGetObservationFrame(KaloContext *context, float *frame) {
 }
 
 int32_t kaloSetObservationFrameSpeed(KaloContext *context, const float *twist) {
-  return send_floats(context, twist, &ExchangeRecord::observation_frame_speed, 8);
+  return send_floats(context, twist, &ExchangeRecord::observation_frame_speed,
+                     kalo::Field::observation_frame_speed);
 }
 
 int32_t kaloSetBaseFrame(KaloContext *context, const float *frame) {
-  return send_frame(context, frame, &ExchangeRecord::base_frame, 9, &KaloContext::base_frame_copy);
+  return send_frame(context, frame, &ExchangeRecord::base_frame, kalo::Field::base_frame,
+                    &KaloContext::base_frame_copy);
 }
 
 int32_t kaloGetBaseFrame(KaloContext *context, float *frame) {
@@ -234,7 +239,7 @@ int32_t kaloSetCatchFrame(KaloContext *context, const float *frame) {
     if (points > 0)
       std::memcpy(c.command_record.catch_frame, frame,
                   sizeof(float) * 7 * static_cast<size_t>(points));
-    kalo::post_field(c.command_record, 10);
+    kalo::post_field(c.command_record, kalo::Field::catch_frame);
     return KALO_NO_ERROR;
   });
 }

@@ -32,7 +32,7 @@ template <class Work> int vm_call(KaloContext *ctx, Work &&work) {
 }
 
 // Posts one field whose value the caller has stored.
-template <class Store> int vm_post(KaloContext *ctx, int field, Store &&store) {
+template <class Store> int vm_post(KaloContext *ctx, kalo::Field field, Store &&store) {
   return vm_call(ctx, [&](KaloContext &c) {
     store(c);
     kalo::post_field(c.command_record, field);
@@ -42,7 +42,7 @@ template <class Store> int vm_post(KaloContext *ctx, int field, Store &&store) {
 
 // The three spline calls share the name member; a name that does not fit its
 // 32 bytes (terminator included) is refused and nothing is sent.
-int spline_call(KaloContext *ctx, const char *name, int field) {
+int spline_call(KaloContext *ctx, const char *name, kalo::Field field) {
   return vm_call(ctx, [&](KaloContext &c) {
     if (c.vm_current_type != kSplineMechanism)
       return KALO_ERROR_INCORRECT_VM;
@@ -60,21 +60,21 @@ int spline_call(KaloContext *ctx, const char *name, int field) {
 extern "C" {
 
 int32_t kaloVmActivate(KaloContext *context) {
-  return vm_post(context, 27, [](KaloContext &c) {
+  return vm_post(context, kalo::Field::vm_activate, [](KaloContext &c) {
     c.vm_active = 1;
     c.command_record.vm_activate = 1;
   });
 }
 
 int32_t kaloVmDeactivate(KaloContext *context) {
-  return vm_post(context, 27, [](KaloContext &c) {
+  return vm_post(context, kalo::Field::vm_activate, [](KaloContext &c) {
     c.vm_active = 0;
     c.command_record.vm_activate = 0;
   });
 }
 
 int32_t kaloVmSetType(KaloContext *context, uint32_t type) {
-  return vm_post(context, 28, [&](KaloContext &c) {
+  return vm_post(context, kalo::Field::vm_type, [&](KaloContext &c) {
     c.vm_current_type = type;
     c.command_record.vm_type = static_cast<char>(type);
   });
@@ -87,7 +87,7 @@ int32_t kaloVmSetBaseFrame(KaloContext *context, const float frame[7]) {
     if (kalo::finite_or_refused(frame, 7) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.vm_base_frame, frame, sizeof c.command_record.vm_base_frame);
-    kalo::post_field(c.command_record, 32);
+    kalo::post_field(c.command_record, kalo::Field::vm_base_frame);
     return 0;
   });
 }
@@ -97,7 +97,7 @@ int32_t kaloVmGetBaseFrame(KaloContext *context, float frame[7]) {
         return frame == nullptr ? KALO_ERROR_INCORRECT_VALUE : 0;
       }) != 0)
     return -1;
-  return kalo::query_call(context, 32, [&](KaloContext &c) {
+  return kalo::query_call(context, kalo::Field::vm_base_frame, [&](KaloContext &c) {
     std::memcpy(frame, c.state_record.vm_base_frame, sizeof c.state_record.vm_base_frame);
   });
 }
@@ -108,7 +108,7 @@ int32_t kaloVmSetMinArtiBounds(KaloContext *context, const float bounds[10]) {
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.vm_min_arti_bounds, bounds,
                 sizeof c.command_record.vm_min_arti_bounds);
-    kalo::post_field(c.command_record, 33);
+    kalo::post_field(c.command_record, kalo::Field::vm_min_arti_bounds);
     return 0;
   });
 }
@@ -119,45 +119,45 @@ int32_t kaloVmSetMaxArtiBounds(KaloContext *context, const float bounds[10]) {
       return KALO_ERROR_INCORRECT_VALUE;
     std::memcpy(c.command_record.vm_max_arti_bounds, bounds,
                 sizeof c.command_record.vm_max_arti_bounds);
-    kalo::post_field(c.command_record, 34);
+    kalo::post_field(c.command_record, kalo::Field::vm_max_arti_bounds);
     return 0;
   });
 }
 
 int32_t kaloVmSetDefaultToCartesianPosition(KaloContext *context) {
-  return vm_post(context, 42, [](KaloContext &c) {
+  return vm_post(context, kalo::Field::vm_default_mode, [](KaloContext &c) {
     c.command_record.vm_default_mode = 0;
     c.vm_default_mode_copy = 0;
   });
 }
 
 int32_t kaloVmSetDefaultToTransparentMode(KaloContext *context) {
-  return vm_post(context, 42, [](KaloContext &c) {
+  return vm_post(context, kalo::Field::vm_default_mode, [](KaloContext &c) {
     c.command_record.vm_default_mode = 1;
     c.vm_default_mode_copy = 1;
   });
 }
 
 int32_t kaloVmSetBaseFrameToCurrentFrame(KaloContext *context) {
-  return vm_post(context, 43, [](KaloContext &) {});
+  return vm_post(context, kalo::Field::vm_base_frame_to_current, [](KaloContext &) {});
 }
 
 int32_t kaloVmSetRobotMode(KaloContext *context, uint32_t mode) {
-  return vm_post(context, 45, [&](KaloContext &c) {
+  return vm_post(context, kalo::Field::vm_robot_mode, [&](KaloContext &c) {
     c.command_record.vm_robot_mode = static_cast<int32_t>(mode);
   });
 }
 
 int32_t kaloVmSaveCurrentSpline(KaloContext *context, const char *name) {
-  return spline_call(context, name, 46);
+  return spline_call(context, name, kalo::Field::vm_save_spline);
 }
 
 int32_t kaloVmLoadSpline(KaloContext *context, const char *name) {
-  return spline_call(context, name, 47);
+  return spline_call(context, name, kalo::Field::vm_load_spline);
 }
 
 int32_t kaloVmDeleteSpline(KaloContext *context, const char *name) {
-  return spline_call(context, name, 48);
+  return spline_call(context, name, kalo::Field::vm_delete_spline);
 }
 
 // A new run discards the previous batch: samples are stored from the start of
@@ -173,7 +173,7 @@ int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count) {
     c.state_record.list_index = 0;
     while (TR_tester_semaphore(c.traj_sample_sem) == 0) {
     }
-    kalo::post_field(c.command_record, 30);
+    kalo::post_field(c.command_record, kalo::Field::traj_sample_count);
     return 0;
   });
 }
@@ -225,7 +225,7 @@ int32_t kaloVmWaitUpperBound(KaloContext *context) {
       return KALO_ERROR_INCORRECT_VM;
     if (c.vm_active == 0)
       return KALO_ERROR_WRONG_MOMENT;
-    kalo::post_field(c.command_record, 49);
+    kalo::post_field(c.command_record, kalo::Field::vm_wait_upper_bound);
     return 0;
   });
   if (posted != 0)

@@ -24,9 +24,8 @@ void send_point_gains(KaloContext &c, int32_t point) {
   lecture_gains(&c, k, b, point);
   std::memcpy(c.command_record.simulation_stiffness + 6 * point, k, sizeof k);
   std::memcpy(c.command_record.simulation_damping + 6 * point, b, sizeof b);
-  c.command_record.field_changed[2] = 1;
-  c.command_record.field_changed[3] = 1;
-  c.command_record.send_request = 3;
+  kalo::post_field(c.command_record, kalo::Field::simulation_stiffness);
+  kalo::post_field(c.command_record, kalo::Field::simulation_damping);
 }
 
 // Marks the attach; the next kaloSetPosition completes the hand-shake.
@@ -91,7 +90,7 @@ int attach_with_mass(KaloContext *ctx, const float *inertia, float mass, bool av
 // Detaching: the attach flag goes out on field 11 or (avatar) 23, the gains
 // are zeroed in the servo and on the controller, and the next coupling
 // set-point resets the object displacements.
-int detach(KaloContext *ctx, int field) {
+int detach(KaloContext *ctx, kalo::Field field) {
   const int result = kalo::locked_call(ctx, [&](KaloContext &c) {
     c.command_record.vo_attached = 0;
     kalo::post_field(c.command_record, field);
@@ -152,11 +151,11 @@ int32_t kaloAttachQSVO(KaloContext *context, const float *stiffness, const float
 }
 
 int32_t kaloDetachVO(KaloContext *context) {
-  return detach(context, 11);
+  return detach(context, kalo::Field::vo_attached);
 }
 
 int32_t kaloDetachVOAvatar(KaloContext *context) {
-  return detach(context, 23);
+  return detach(context, kalo::Field::avatar_attached);
 }
 
 int32_t kaloModifGains(KaloContext *context) {
@@ -253,7 +252,7 @@ int32_t kaloSaturateTorque(KaloContext *context, float a, float b) {
       return KALO_ERROR_INCORRECT_VALUE;
     c.command_record.torque_saturation[0] = a;
     c.command_record.torque_saturation[1] = b;
-    kalo::post_field(c.command_record, 53);
+    kalo::post_field(c.command_record, kalo::Field::torque_saturation);
     return KALO_NO_ERROR;
   });
 }

@@ -60,9 +60,13 @@ void LIN_DAMP_6D_delete(LIN_DAMP_6D *d) {
   std::free(d);
 }
 
-void LIN_DAMP_6D_compute_B_1c_1(LIN_DAMP_6D *d) { transport(d, d->H_1c_1, d->B_1c_1c, d->B_1c_1); }
+void LIN_DAMP_6D_compute_B_1c_1(LIN_DAMP_6D *d) {
+  transport(d, d->H_1c_1, d->B_1c_1c, d->B_1c_1);
+}
 
-void LIN_DAMP_6D_compute_B_2c_2(LIN_DAMP_6D *d) { transport(d, d->H_2c_2, d->B_2c_2c, d->B_2c_2); }
+void LIN_DAMP_6D_compute_B_2c_2(LIN_DAMP_6D *d) {
+  transport(d, d->H_2c_2, d->B_2c_2c, d->B_2c_2);
+}
 
 void LIN_DAMP_6D_set_B_1c_1c(LIN_DAMP_6D *d, const MATD *b) {
   copy6(d->B_1c_1c, b);

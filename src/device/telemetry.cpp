@@ -15,7 +15,6 @@ namespace kalo {
 
 namespace {
 
-constexpr int kTimeStampField = 1;
 constexpr int kPowerBit = 16;
 std::atomic<uint64_t> g_connections{0};
 
@@ -101,7 +100,7 @@ void telemetry_state_frame(KaloContext *ctx) {
     }
   }
 
-  if (ctx->state_record.field_changed[kTimeStampField] == 0)
+  if (!carries(ctx->state_record, Field::time_stamp))
     return;
   const StampTracker::Outcome o = t.stamps.add(static_cast<uint32_t>(ctx->state_record.time_stamp));
   if (o.duplicate)

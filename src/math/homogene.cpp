@@ -13,8 +13,12 @@ namespace {
 constexpr uint64_t kH = 4; // row stride of homogeneous and twist matrices
 constexpr uint64_t kR = 3; // row stride of rotation operands
 
-inline double &at(MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
-inline double at(const MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
+inline double &at(MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
+inline double at(const MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
 
 // A 6 x 1 column with room for seven doubles, the first six zeroed.
 MATD *new_column6() {
@@ -34,11 +38,17 @@ MATD *new_column6() {
 
 extern "C" {
 
-MATD *MATD_creer_homogene(void) { return MATD_identite(4); }
+MATD *MATD_creer_homogene(void) {
+  return MATD_identite(4);
+}
 
-MATD *MATD_creer_twist(void) { return new_column6(); }
+MATD *MATD_creer_twist(void) {
+  return new_column6();
+}
 
-MATD *MATD_creer_wrench(void) { return MATD_creer_twist(); }
+MATD *MATD_creer_wrench(void) {
+  return MATD_creer_twist();
+}
 
 MATD *MATD_creer_twisttilde(void) {
   auto *m = static_cast<MATD *>(std::malloc(sizeof(MATD)));
@@ -55,10 +65,18 @@ MATD *MATD_creer_twisttilde(void) {
   return m;
 }
 
-void MATD_detruire_homogene(MATD *h) { MATD_detruire(h); }
-void MATD_detruire_twist(MATD *t) { MATD_detruire(t); }
-void MATD_detruire_twisttilde(MATD *t) { MATD_detruire(t); }
-void MATD_detruire_wrench(MATD *w) { MATD_detruire(w); }
+void MATD_detruire_homogene(MATD *h) {
+  MATD_detruire(h);
+}
+void MATD_detruire_twist(MATD *t) {
+  MATD_detruire(t);
+}
+void MATD_detruire_twisttilde(MATD *t) {
+  MATD_detruire(t);
+}
+void MATD_detruire_wrench(MATD *w) {
+  MATD_detruire(w);
+}
 
 MATD *MATD_remplir_homogene_par_trans(MATD *h, const MATD *t) {
   for (uint64_t i = 0; i < 3; ++i)
@@ -110,15 +128,31 @@ MATD *MATD_vider_twist_vrot(const MATD *x, MATD *v) {
   return v;
 }
 
-MATD *MATD_remplir_wrench_par_force(MATD *w, const MATD *v) { return MATD_remplir_twist_par_vtrans(w, v); }
-MATD *MATD_remplir_wrench_par_moment(MATD *w, const MATD *v) { return MATD_remplir_twist_par_vrot(w, v); }
-MATD *MATD_vider_wrench_force(const MATD *w, MATD *v) { return MATD_vider_twist_vtrans(w, v); }
-MATD *MATD_vider_wrench_moment(const MATD *w, MATD *v) { return MATD_vider_twist_vrot(w, v); }
+MATD *MATD_remplir_wrench_par_force(MATD *w, const MATD *v) {
+  return MATD_remplir_twist_par_vtrans(w, v);
+}
+MATD *MATD_remplir_wrench_par_moment(MATD *w, const MATD *v) {
+  return MATD_remplir_twist_par_vrot(w, v);
+}
+MATD *MATD_vider_wrench_force(const MATD *w, MATD *v) {
+  return MATD_vider_twist_vtrans(w, v);
+}
+MATD *MATD_vider_wrench_moment(const MATD *w, MATD *v) {
+  return MATD_vider_twist_vrot(w, v);
+}
 
-MATD *MATD_remplir_twisttilde_par_vtrans(MATD *x, const MATD *v) { return MATD_remplir_homogene_par_trans(x, v); }
-MATD *MATD_vider_twisttilde_vtrans(const MATD *x, MATD *v) { return MATD_vider_trans_homogene(x, v); }
-MATD *MATD_remplir_twisttilde_par_vrottilde(MATD *x, const MATD *s) { return MATD_remplir_homogene_par_rot(x, s); }
-MATD *MATD_vider_twisttilde_vrottilde(const MATD *x, MATD *s) { return MATD_vider_rot_homogene(x, s); }
+MATD *MATD_remplir_twisttilde_par_vtrans(MATD *x, const MATD *v) {
+  return MATD_remplir_homogene_par_trans(x, v);
+}
+MATD *MATD_vider_twisttilde_vtrans(const MATD *x, MATD *v) {
+  return MATD_vider_trans_homogene(x, v);
+}
+MATD *MATD_remplir_twisttilde_par_vrottilde(MATD *x, const MATD *s) {
+  return MATD_remplir_homogene_par_rot(x, s);
+}
+MATD *MATD_vider_twisttilde_vrottilde(const MATD *x, MATD *s) {
+  return MATD_vider_rot_homogene(x, s);
+}
 
 MATD *MATD_antisymetrique_3(const MATD *v, MATD *s) {
   const double x = v->donnees[0], y = v->donnees[1], z = v->donnees[2];

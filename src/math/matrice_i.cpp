@@ -46,7 +46,11 @@ int32_t *MATI_vider(const MATI *a, int32_t *t) {
   return t;
 }
 
-uint64_t MATI_nb_lignes(const MATI *a) { return a->nb_lignes; }
-uint64_t MATI_nb_colonnes(const MATI *a) { return a->nb_colonnes; }
+uint64_t MATI_nb_lignes(const MATI *a) {
+  return a->nb_lignes;
+}
+uint64_t MATI_nb_colonnes(const MATI *a) {
+  return a->nb_colonnes;
+}
 
 } // extern "C"

@@ -210,7 +210,8 @@ TORS *TORS_mult_vitesse_par_matrice_vers_effort(const TORS *t, const MATD *m, TO
   return r;
 }
 
-TORS *TORS_mult_effort_par_adjointe_transpose(const TORS *f, const MATD *a, TORS *const *w, TORS *r) {
+TORS *TORS_mult_effort_par_adjointe_transpose(const TORS *f, const MATD *a, TORS *const *w,
+                                              TORS *r) {
   swap_halves(f, w[0]);
   MATD_tr_mult(a, w[0]->vecteur, w[1]->vecteur);
   swap_halves(w[1], r);
@@ -335,8 +336,8 @@ TORS *TORS_deriver_deplacement(const DEPL *d, const DEPL *d_prev, DEPL *d_travai
 
 TORS *TORS_calculer_effort(const MATD *k, const DEPL *d, TORS *w, MATD *const *W, void *inutilise,
                            const MATD *identite, MATD *r, MATD *rt, MATD *t, MATD *ktt, MATD *koo,
-                           MATD *kot, MATD *gtt, MATD *goo, MATD *got, MATD *e1, MATD *e2, VECT3 *v1,
-                           VECT3 *v2) {
+                           MATD *kot, MATD *gtt, MATD *goo, MATD *got, MATD *e1, MATD *e2,
+                           VECT3 *v1, VECT3 *v2) {
   (void)inutilise;
   QUAT_convertir_quaternion_en_matrice(d->rot, r);
   MATD_transpose(r, rt);

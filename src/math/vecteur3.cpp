@@ -7,15 +7,23 @@
 
 namespace {
 // Element (i, j) of a matrix with its own row stride.
-inline double &at(MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
-inline double at(const MATD *m, uint64_t i, uint64_t j) { return m->donnees[i * m->nb_colonnes + j]; }
+inline double &at(MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
+inline double at(const MATD *m, uint64_t i, uint64_t j) {
+  return m->donnees[i * m->nb_colonnes + j];
+}
 } // namespace
 
 extern "C" {
 
-VECT3 *VECT3_creer(void) { return static_cast<VECT3 *>(std::calloc(3, sizeof(double))); }
+VECT3 *VECT3_creer(void) {
+  return static_cast<VECT3 *>(std::calloc(3, sizeof(double)));
+}
 
-void VECT3_detruire(VECT3 *v) { std::free(v); }
+void VECT3_detruire(VECT3 *v) {
+  std::free(v);
+}
 
 VECT3_PAIRE_CINEMATIQUE *VECT3_creer_paire_cinematique(void) {
   auto *p = static_cast<VECT3_PAIRE_CINEMATIQUE *>(std::malloc(sizeof(VECT3_PAIRE_CINEMATIQUE)));
@@ -84,9 +92,13 @@ void VECT3_vider_paire_cinematique_de_axe_rot(const VECT3_PAIRE_CINEMATIQUE *p, 
   VECT3_vider_double(p->axe_rot, t);
 }
 
-void VECT3_afficher(const VECT3 *v) { std::printf("%f %f %f\n", v[0], v[1], v[2]); }
+void VECT3_afficher(const VECT3 *v) {
+  std::printf("%f %f %f\n", v[0], v[1], v[2]);
+}
 
-double VECT3_norme(const VECT3 *v) { return std::sqrt((v[0] * v[0] + v[1] * v[1]) + v[2] * v[2]); }
+double VECT3_norme(const VECT3 *v) {
+  return std::sqrt((v[0] * v[0] + v[1] * v[1]) + v[2] * v[2]);
+}
 
 VECT3 *VECT3_plus(const VECT3 *a, const VECT3 *b, VECT3 *r) {
   for (int i = 0; i < 3; ++i)

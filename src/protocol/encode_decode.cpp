@@ -23,6 +23,7 @@
 
 namespace {
 
+using kalo::Field;
 using kalo::kArticularRoom;
 using kalo::kCodecFailure;
 using kalo::kControlPointRoom;
@@ -36,15 +37,6 @@ using kalo::wire::Kind;
 using kalo::wire::Repeat;
 using kalo::wire::Segment;
 using kalo::wire::size_of;
-
-constexpr int kTextureField = 17;
-constexpr int kTrajSampleField = 29;
-constexpr int kTrajSampleCountField = 30;
-constexpr int kCloseRequestField = 37;
-constexpr int kSaveSplineField = 46;
-constexpr int kDeleteSplineField = 48;
-constexpr int kControlPointCountField = 52;
-constexpr int kAxisCountField = 69;
 
 enum class Outcome { adopted, rejected, failed };
 
@@ -226,24 +218,25 @@ Outcome decode_spline_name(Coder &c) {
 }
 
 Outcome code_payload(Coder &c, int id) {
-  switch (id) {
-  case kTextureField:
+  switch (static_cast<Field>(id)) {
+  case Field::texture:
     return code_texture(c);
-  case kTrajSampleField:
+  case Field::traj_sample:
     return code_traj_sample(c);
-  case kTrajSampleCountField:
+  case Field::traj_sample_count:
     return code_traj_sample_count(c);
-  case kCloseRequestField:
+  case Field::close_request:
     c.r.close_marker = 0; // the closing request carries no value
     return Outcome::adopted;
-  case kControlPointCountField:
+  case Field::control_point_count:
     return code_count(c, c.r.control_point_count, kControlPointRoom, &c.ncp);
-  case kAxisCountField:
+  case Field::axis_count_wire:
     return code_count(c, c.r.axis_count_wire, kArticularRoom, &c.nax);
   default:
     break;
   }
-  if (c.decoding && id >= kSaveSplineField && id <= kDeleteSplineField)
+  if (c.decoding && id >= kalo::id(Field::vm_save_spline) &&
+      id <= kalo::id(Field::vm_delete_spline))
     return decode_spline_name(c);
   return code_table_field(c, kCatalogue[static_cast<std::size_t>(id)]);
 }

@@ -142,7 +142,8 @@ int write_protocol(int handle, const void *bytes, int count) {
     errno = EMSGSIZE;
     return -1;
   }
-  const auto total = static_cast<int>(kalo::envelope_wrap(bytes, static_cast<std::size_t>(count), s->tx_buffer));
+  const auto total =
+      static_cast<int>(kalo::envelope_wrap(bytes, static_cast<std::size_t>(count), s->tx_buffer));
   if (s->write_fn(s->fd, s->tx_buffer, total, s->peer) != total) {
     errno = EPROTO;
     return -1;

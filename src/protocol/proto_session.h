@@ -78,8 +78,8 @@ int udp_receive_from(int descriptor, void *bytes, int capacity, sockaddr_in *fro
 
 // One slot of the session table.
 struct ProtoSession {
-  uint32_t type;  // 0 free, 1 UDP
-  int32_t fd;     // -1 in a slot never used
+  uint32_t type; // 0 free, 1 UDP
+  int32_t fd;    // -1 in a slot never used
   kalo_write_fn write_fn;
   kalo_read_fn read_fn;
   kalo_close_fn close_fn;

@@ -82,7 +82,8 @@ int open_protocol_udp(const char *host, int local_port, int remote_port) {
     return -1;
   }
   peer->sin_family = AF_INET;
-  peer->sin_port = htons(static_cast<uint16_t>(remote_port != 0 ? remote_port : kDefaultControllerPort));
+  peer->sin_port =
+      htons(static_cast<uint16_t>(remote_port != 0 ? remote_port : kDefaultControllerPort));
   if (!resolve(host, &peer->sin_addr)) {
     // Nothing of a failed open stays behind.
     std::free(peer);

@@ -72,8 +72,12 @@ int TR_detruire_semaphore(TR_SEMAPHORE *s) {
 // `owner` is read outside the mutex by the recursive-entry test; relaxed atomic
 // accesses keep that read well-defined. Only the holder can find its own
 // identifier there, so no stronger ordering is needed.
-static pthread_t load_owner(const TR_SEMAPHORE *s) { return __atomic_load_n(&s->owner, __ATOMIC_RELAXED); }
-static void store_owner(TR_SEMAPHORE *s, pthread_t t) { __atomic_store_n(&s->owner, t, __ATOMIC_RELAXED); }
+static pthread_t load_owner(const TR_SEMAPHORE *s) {
+  return __atomic_load_n(&s->owner, __ATOMIC_RELAXED);
+}
+static void store_owner(TR_SEMAPHORE *s, pthread_t t) {
+  __atomic_store_n(&s->owner, t, __ATOMIC_RELAXED);
+}
 
 // Shared by the blocking and non-blocking takes of a lock.
 static int take_lock(TR_SEMAPHORE *s, bool blocking) {

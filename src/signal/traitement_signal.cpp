@@ -33,9 +33,13 @@ bool ensure_lock() {
 }
 
 // A cut-off is usable from DBL_EPSILON up to twice the sampling rate (NaN is not).
-bool valid_cutoff(double fc, double tech) { return fc >= DBL_EPSILON && fc <= 2.0 / tech; }
+bool valid_cutoff(double fc, double tech) {
+  return fc >= DBL_EPSILON && fc <= 2.0 / tech;
+}
 
-inline double element(const MATD *m, uint64_t i) { return m->donnees[i * m->nb_colonnes]; }
+inline double element(const MATD *m, uint64_t i) {
+  return m->donnees[i * m->nb_colonnes];
+}
 
 struct Coefficients {
   double tau, b0, b1;
@@ -56,7 +60,9 @@ Coefficients differentiator_coefficients(double fc, double tech) {
   return {tau, (2.0 / tech) / (a + 1.0), (a - 1.0) / (a + 1.0)};
 }
 
-double *new_array(uint32_t n) { return static_cast<double *>(std::malloc((n == 0 ? 1 : n) * sizeof(double))); }
+double *new_array(uint32_t n) {
+  return static_cast<double *>(std::malloc((n == 0 ? 1 : n) * sizeof(double)));
+}
 
 void free_filter(TSIG_FILTRE *f) {
   std::free(f->tau);
@@ -94,7 +100,8 @@ void copy_out(const double *y, uint32_t nb, MATD *sortie) {
     sortie->donnees[k] = y[k];
 }
 
-int32_t change_cutoff(TSIG_FILTRE *f, uint32_t voie, double fc, Coefficients (*coefficients)(double, double)) {
+int32_t change_cutoff(TSIG_FILTRE *f, uint32_t voie, double fc,
+                      Coefficients (*coefficients)(double, double)) {
   if (!valid_cutoff(fc, f->Tech) || voie >= f->nb)
     return -1;
   const Coefficients c = coefficients(fc, f->Tech);
@@ -139,7 +146,9 @@ TSIG_FILTRE *TSIG_creer_filtre_1er_ordre(const MATD *fc, double tech) {
   return f;
 }
 
-double TSIG_periode_echantillon(const TSIG_FILTRE *f) { return f->Tech; }
+double TSIG_periode_echantillon(const TSIG_FILTRE *f) {
+  return f->Tech;
+}
 
 int32_t TSIG_filtre_reinitialiser(TSIG_FILTRE *f, const MATD *v) {
   SignalLock lock;
@@ -176,8 +185,10 @@ TSIG_DERIVATEUR *TSIG_creer_derivateur_avec_filtre_1er_ordre(const MATD *fc, dou
   const auto nb = static_cast<uint32_t>(fc->nb_lignes);
   for (uint32_t i = 0; i < nb; ++i)
     if (!valid_cutoff(element(fc, i), tech)) {
-      std::printf("  TSIG_creer_derivateur_avec_filtre_1er_ordre :FC =%g Tech =%g \n", element(fc, i), tech);
-      std::perror("  TSIG_creer_derivateur_avec_filtre_1er_ordre : Fc > 2.0/Tech || Fc  < DBL_EPSILON");
+      std::printf("  TSIG_creer_derivateur_avec_filtre_1er_ordre :FC =%g Tech =%g \n",
+                  element(fc, i), tech);
+      std::perror(
+          "  TSIG_creer_derivateur_avec_filtre_1er_ordre : Fc > 2.0/Tech || Fc  < DBL_EPSILON");
       return nullptr;
     }
   if (!ensure_lock())
@@ -222,9 +233,12 @@ int32_t TSIG_derivateur_calculer(TSIG_DERIVATEUR *d, const MATD *entree, MATD *s
   return 0;
 }
 
-void TSIG_derivateur_detruire(TSIG_DERIVATEUR *d) { TSIG_filtre_detruire(d); }
+void TSIG_derivateur_detruire(TSIG_DERIVATEUR *d) {
+  TSIG_filtre_detruire(d);
+}
 
-TSIG_INTEGRATEUR *TSIG_creer_integrateur_trapeze_borne(const MATD *min, const MATD *max, double tech) {
+TSIG_INTEGRATEUR *TSIG_creer_integrateur_trapeze_borne(const MATD *min, const MATD *max,
+                                                       double tech) {
   if (tech < DBL_EPSILON)
     return nullptr;
   const auto nb = static_cast<uint32_t>(min->nb_lignes);
@@ -240,7 +254,8 @@ TSIG_INTEGRATEUR *TSIG_creer_integrateur_trapeze_borne(const MATD *min, const MA
   g->borne_max = new_array(nb);
   g->x_prec = new_array(nb);
   g->y = new_array(nb);
-  if (g->borne_min == nullptr || g->borne_max == nullptr || g->x_prec == nullptr || g->y == nullptr) {
+  if (g->borne_min == nullptr || g->borne_max == nullptr || g->x_prec == nullptr ||
+      g->y == nullptr) {
     TSIG_integrateur_detruire(g);
     return nullptr;
   }
@@ -264,7 +279,8 @@ int32_t TSIG_integrateur_reinitialiser(TSIG_INTEGRATEUR *g, const MATD *v) {
   return 0;
 }
 
-int32_t TSIG_integrateur_changer_bornes(TSIG_INTEGRATEUR *g, uint32_t voie, double min, double max) {
+int32_t TSIG_integrateur_changer_bornes(TSIG_INTEGRATEUR *g, uint32_t voie, double min,
+                                        double max) {
   // An index equal to nb would write past the arrays: refused like the others.
   if (min > max || voie >= g->nb)
     return -1;

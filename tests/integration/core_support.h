@@ -109,7 +109,7 @@ inline bool posted_within(TR_SEMAPHORE *s, std::chrono::milliseconds limit) {
 template <class Write> void mark(KaloContext *ctx, int id, Write &&write) {
   kalo::ContextLock hold(ctx);
   write(ctx->command_record);
-  kalo::post_field(ctx->command_record, id);
+  kalo::post_field(ctx->command_record, static_cast<kalo::Field>(id));
 }
 
 // Threads of this process.

@@ -97,9 +97,9 @@ public:
     if (fill)
       fill(r);
     r.time_stamp = static_cast<int32_t>(mono_ns() / 1000);
-    kalo::post_field(r, 1);
+    kalo::post_field(r, kalo::Field::time_stamp);
     for (int id : ids)
-      kalo::post_field(r, id);
+      kalo::post_field(r, static_cast<kalo::Field>(id));
     unsigned char payload[kalo::kFrameCapacity];
     const uint32_t n = encode_decode(kalo::kModeEncode, &r, payload, sizeof payload);
     ASSERT_NE(n, kalo::kCodecFailure);

@@ -35,8 +35,8 @@ struct CommandContext : readout_test::FakeContext {
     c.vm_default_mode = -1;
     c.vm_default_mode_seen = -1;
     c.point_array_count = 1;
-    for (float **a : {&c.gain_stiffness_buffer, &c.gain_damping_buffer, &c.scratch_speed,
-                      &c.scratch_force})
+    for (float **a :
+         {&c.gain_stiffness_buffer, &c.gain_damping_buffer, &c.scratch_speed, &c.scratch_force})
       *a = static_cast<float *>(std::calloc(6, sizeof(float)));
     c.scratch_position = static_cast<float *>(std::calloc(7, sizeof(float)));
     init_asserv(&c);
@@ -49,8 +49,8 @@ struct CommandContext : readout_test::FakeContext {
     KaloContext &c = *ctx;
     close_asserv(&c);
     TSIG_filtre_detruire(c.speed_factor_filter);
-    for (MATD *m : {c.object_inertia, c.speed_factor_target, c.speed_factor_filtered,
-                    c.speed_factor_cutoff})
+    for (MATD *m :
+         {c.object_inertia, c.speed_factor_target, c.speed_factor_filtered, c.speed_factor_cutoff})
       MATD_detruire(m);
     QUAT_detruire(c.work_quat);
     for (float *a : {c.gain_stiffness_buffer, c.gain_damping_buffer, c.scratch_speed,

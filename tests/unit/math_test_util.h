@@ -30,7 +30,9 @@ using Quat = std::unique_ptr<QUAT, QuatDeleter>;
 using Depl = std::unique_ptr<DEPL, DeplDeleter>;
 using Tors = std::unique_ptr<TORS, TorsDeleter>;
 
-inline Matd matd(uint64_t rows, uint64_t cols) { return Matd(MATD_creer(rows, cols)); }
+inline Matd matd(uint64_t rows, uint64_t cols) {
+  return Matd(MATD_creer(rows, cols));
+}
 inline Matd matd(uint64_t rows, uint64_t cols, std::initializer_list<double> values) {
   Matd m(MATD_creer(rows, cols));
   uint64_t k = 0;
@@ -44,8 +46,12 @@ inline Quat quat(double x, double y, double z, double w) {
   QUAT_remplir_double(q.get(), t);
   return q;
 }
-inline Depl depl() { return Depl(DEPL_creer()); }
-inline Tors tors() { return Tors(TORS_creer()); }
+inline Depl depl() {
+  return Depl(DEPL_creer());
+}
+inline Tors tors() {
+  return Tors(TORS_creer());
+}
 
 inline Eigen::MatrixXd to_eigen(const MATD *m) {
   Eigen::MatrixXd e(m->nb_lignes, m->nb_colonnes);
@@ -60,13 +66,16 @@ inline void from_eigen(const Eigen::MatrixXd &e, MATD *m) {
       m->donnees[i * m->nb_colonnes + j] = e(i, j);
 }
 inline Eigen::Quaterniond to_eigen(const QUAT *q) {
-  return Eigen::Quaterniond(q->partie_scal, q->partie_vect[0], q->partie_vect[1], q->partie_vect[2]);
+  return Eigen::Quaterniond(q->partie_scal, q->partie_vect[0], q->partie_vect[1],
+                            q->partie_vect[2]);
 }
 inline void from_eigen(const Eigen::Quaterniond &e, QUAT *q) {
   const double t[4] = {e.x(), e.y(), e.z(), e.w()};
   QUAT_remplir_double(q, t);
 }
-inline Eigen::Vector3d to_eigen3(const VECT3 *v) { return {v[0], v[1], v[2]}; }
+inline Eigen::Vector3d to_eigen3(const VECT3 *v) {
+  return {v[0], v[1], v[2]};
+}
 // The pose of a displacement as an Eigen isometry.
 inline Eigen::Isometry3d to_eigen(const DEPL *d) {
   Eigen::Isometry3d e = Eigen::Isometry3d::Identity();
@@ -85,12 +94,16 @@ inline Eigen::Matrix<double, 6, 1> to_eigen6(const TORS *t) {
 class Random {
 public:
   explicit Random(unsigned seed = 12345) : gen_(seed) {}
-  double uniform(double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(gen_); }
+  double uniform(double lo, double hi) {
+    return std::uniform_real_distribution<double>(lo, hi)(gen_);
+  }
   Eigen::Vector3d vector(double scale = 1.0) {
     return {uniform(-scale, scale), uniform(-scale, scale), uniform(-scale, scale)};
   }
   // A unit quaternion of either sign, uniformly over rotations.
-  Eigen::Quaterniond rotation() { return Eigen::Quaterniond(Eigen::Vector4d(normal(), normal(), normal(), normal()).normalized()); }
+  Eigen::Quaterniond rotation() {
+    return Eigen::Quaterniond(Eigen::Vector4d(normal(), normal(), normal(), normal()).normalized());
+  }
   void fill(DEPL *d, double scale = 2.0) {
     const Eigen::Quaterniond q = rotation();
     const Eigen::Vector3d t = vector(scale);
@@ -104,8 +117,8 @@ private:
 };
 
 // True when two rotations agree, whichever sign their quaternions have.
-inline ::testing::AssertionResult same_rotation(const Eigen::Quaterniond &a, const Eigen::Quaterniond &b,
-                                               double tol) {
+inline ::testing::AssertionResult same_rotation(const Eigen::Quaterniond &a,
+                                                const Eigen::Quaterniond &b, double tol) {
   const double d = std::min((a.coeffs() - b.coeffs()).norm(), (a.coeffs() + b.coeffs()).norm());
   if (d <= tol)
     return ::testing::AssertionSuccess();

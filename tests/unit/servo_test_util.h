@@ -17,7 +17,9 @@ namespace kalo_test {
 
 // Clock of the energy guards under test control (microseconds).
 inline uint64_t fake_now_us = 1000000;
-inline uint64_t fake_clock() { return fake_now_us; }
+inline uint64_t fake_clock() {
+  return fake_now_us;
+}
 
 struct ServoContext {
   std::unique_ptr<KaloContext> ctx = std::make_unique<KaloContext>();

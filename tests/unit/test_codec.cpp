@@ -51,27 +51,101 @@ int flagged_count(const ExchangeRecord *r) {
 // the published item catalogue independently of the codec's own table.
 uint32_t expected_payload(int id) {
   switch (id) {
-  case 1: case 4: case 5: case 11: case 12: case 19: case 20: case 21: case 22: case 23:
-  case 24: case 25: case 27: case 28: case 30: case 35: case 36: case 42: case 45:
-  case 50: case 52: case 54: case 59: case 69: case 73: case 74: case 76: case 77:
-  case 79: case 81: case 83: case 84: case 85: case 86: case 87: case 91:
+  case 1:
+  case 4:
+  case 5:
+  case 11:
+  case 12:
+  case 19:
+  case 20:
+  case 21:
+  case 22:
+  case 23:
+  case 24:
+  case 25:
+  case 27:
+  case 28:
+  case 30:
+  case 35:
+  case 36:
+  case 42:
+  case 45:
+  case 50:
+  case 52:
+  case 54:
+  case 59:
+  case 69:
+  case 73:
+  case 74:
+  case 76:
+  case 77:
+  case 79:
+  case 81:
+  case 83:
+  case 84:
+  case 85:
+  case 86:
+  case 87:
+  case 91:
     return 4;
-  case 2: case 3: case 8: case 15: case 16: case 18: case 51: case 80:
+  case 2:
+  case 3:
+  case 8:
+  case 15:
+  case 16:
+  case 18:
+  case 51:
+  case 80:
     return 24;
-  case 7: case 9: case 10: case 14: case 32: case 39: case 40: case 64: case 89: case 90:
+  case 7:
+  case 9:
+  case 10:
+  case 14:
+  case 32:
+  case 39:
+  case 40:
+  case 64:
+  case 89:
+  case 90:
     return 28;
-  case 13: return 36;
-  case 17: return 3 * 4 + 4 + 4;
-  case 29: return 4 + 28;
-  case 33: case 34: return 40;
-  case 38: case 53: case 56: case 75: case 78: case 88: return 8;
-  case 46: case 47: case 48: return 128;
-  case 58: case 82: case 62: case 65: case 66: return 12;
-  case 60: return 20;
-  case 67: return 24;
-  case 70: case 71: case 72: return 24;
-  case 92: return 20;
-  default: return 0; // 6 26 31 37 41 43 44 49 55 57 61 63 68 carry no value
+  case 13:
+    return 36;
+  case 17:
+    return 3 * 4 + 4 + 4;
+  case 29:
+    return 4 + 28;
+  case 33:
+  case 34:
+    return 40;
+  case 38:
+  case 53:
+  case 56:
+  case 75:
+  case 78:
+  case 88:
+    return 8;
+  case 46:
+  case 47:
+  case 48:
+    return 128;
+  case 58:
+  case 82:
+  case 62:
+  case 65:
+  case 66:
+    return 12;
+  case 60:
+    return 20;
+  case 67:
+    return 24;
+  case 70:
+  case 71:
+  case 72:
+    return 24;
+  case 92:
+    return 20;
+  default:
+    return 0; // 6 26 31 37 41 43 44 49 55 57 61 63 68 carry no value
   }
 }
 
@@ -111,16 +185,16 @@ TEST(CodecGolden, HelloFrameIsSixBytesInDescendingOrder) {
 
 TEST(CodecGolden, ValuesAreBigEndianXdrWithWidenedSmallIntegers) {
   Record r;
-  r->force[0] = 1.0f;   // 0x3F800000
-  r->force[5] = -2.0f;  // 0xC0000000
-  r->buttons = -2;      // short widened to a 4-byte signed int
-  r->command_type = 5;  // char widened too
+  r->force[0] = 1.0f;  // 0x3F800000
+  r->force[5] = -2.0f; // 0xC0000000
+  r->buttons = -2;     // short widened to a 4-byte signed int
+  r->command_type = 5; // char widened too
   r->field_changed[16] = r->field_changed[22] = r->field_changed[24] = 1;
   const std::vector<unsigned char> expected{
-      24, 0x00, 0x00, 0x00, 0x05,                          // item 24 first (descending)
-      22, 0xFF, 0xFF, 0xFF, 0xFE,                          // item 22
-      16, 0x3F, 0x80, 0x00, 0x00, 0, 0, 0, 0, 0, 0, 0, 0,  // item 16: six floats
-      0, 0, 0, 0, 0, 0, 0, 0, 0xC0, 0x00, 0x00, 0x00};
+      24, 0x00, 0x00, 0x00, 0x05,                                    // item 24 first (descending)
+      22, 0xFF, 0xFF, 0xFF, 0xFE,                                    // item 22
+      16, 0x3F, 0x80, 0x00, 0x00, 0, 0, 0, 0,    0,    0,    0,   0, // item 16: six floats
+      0,  0,    0,    0,    0,    0, 0, 0, 0xC0, 0x00, 0x00, 0x00};
   EXPECT_EQ(encode(r.get()), expected);
 }
 
@@ -152,8 +226,9 @@ TEST(CodecGolden, TrajectorySampleGoesToItsIndex) {
     const float v = static_cast<float>(i + 1);
     uint32_t u;
     std::memcpy(&u, &v, 4);
-    frame.insert(frame.end(), {static_cast<unsigned char>(u >> 24), static_cast<unsigned char>(u >> 16),
-                               static_cast<unsigned char>(u >> 8), static_cast<unsigned char>(u)});
+    frame.insert(frame.end(),
+                 {static_cast<unsigned char>(u >> 24), static_cast<unsigned char>(u >> 16),
+                  static_cast<unsigned char>(u >> 8), static_cast<unsigned char>(u)});
   }
   EXPECT_EQ(decode(r.get(), frame), 33u);
   EXPECT_EQ(r->list_index, 4);

@@ -64,7 +64,10 @@ TEST(ErrorCodes, ContextCodeIsReadAndClearedGlobalCodeIsNot) {
 TEST(CallFrame, ChecksComeInOrderAndErrorsLandWhereTheyBelong) {
   FakeContext f;
   int runs = 0;
-  auto ok = [&](KaloContext &) { ++runs; return 0; };
+  auto ok = [&](KaloContext &) {
+    ++runs;
+    return 0;
+  };
 
   kaloGlobalError = 0;
   EXPECT_EQ(kalo::locked_call(nullptr, ok), -1);
@@ -94,7 +97,10 @@ TEST(CallFrame, ChecksComeInOrderAndErrorsLandWhereTheyBelong) {
 TEST(CallFrame, VersionGateComesFirstAndReturnsTheBareCode) {
   FakeContext f;
   int runs = 0;
-  auto ok = [&](KaloContext &) { ++runs; return 0; };
+  auto ok = [&](KaloContext &) {
+    ++runs;
+    return 0;
+  };
   f.ctx->controller_version = 5.4f; // as a float, 5.4 is just above the double 5.4
   EXPECT_EQ(kalo::gated_call(f.get(), 5.4, ok), 0);
   f.ctx->controller_version = 5.3f;
@@ -126,7 +132,9 @@ TEST(CallFrame, QueryPostsTheRequestAndCopiesTheReply) {
     TR_poster_semaphore(f.ctx->reply_sem);
   });
   int major = 0;
-  EXPECT_EQ(kalo::query_call(f.get(), 38, [&](KaloContext &c) { major = c.state_record.controller_version[0]; }), 0);
+  EXPECT_EQ(kalo::query_call(f.get(), kalo::Field::controller_version,
+                             [&](KaloContext &c) { major = c.state_record.controller_version[0]; }),
+            0);
   controller.join();
   EXPECT_EQ(major, 6) << "the stale reply answered the new query";
   EXPECT_EQ(f.ctx->command_record.send_request, 20u);

@@ -40,8 +40,8 @@ struct TwistExpWork {
     }
   }
   void run(const MATD *xi, MATD *h, float theta) {
-    MATD_exponentiel_twist(xi, h, wp.data(), xp.data(), t.get(), id.get(), v.get(), om.get(), s.get(),
-                           p.get(), r.get(), theta);
+    MATD_exponentiel_twist(xi, h, wp.data(), xp.data(), t.get(), id.get(), v.get(), om.get(),
+                           s.get(), p.get(), r.get(), theta);
   }
 };
 } // namespace
@@ -119,7 +119,8 @@ TEST(Homogene, ProductsInversesAndChainsAgreeWithEigen) {
     const Eigen::Isometry3d ea = to_eigen(d.get());
     rnd.fill(d.get());
     const Eigen::Isometry3d eb = to_eigen(d.get());
-    Matd a = homogeneous(ea), b = homogeneous(eb), c(MATD_creer_homogene()), hi(MATD_creer_homogene());
+    Matd a = homogeneous(ea), b = homogeneous(eb), c(MATD_creer_homogene()),
+         hi(MATD_creer_homogene());
     MATD_mult_homogene(a.get(), b.get(), c.get());
     EXPECT_LT((to_eigen(c.get()) - (ea * eb).matrix()).norm(), 1e-12);
     MATD_inverse_homogene(a.get(), hi.get(), r.get(), t.get(), u.get());
@@ -151,7 +152,8 @@ TEST(Homogene, ProductsInversesAndChainsAgreeWithEigen) {
 TEST(Homogene, AdjointMatchesTheRecordFormForRotationFirstTwists) {
   Random rnd(32);
   Depl d = depl();
-  Matd a = matd(6, 6), a2 = matd(6, 6), s = matd(3, 3), r = matd(3, 3), t = matd(3, 1), p = matd(3, 3);
+  Matd a = matd(6, 6), a2 = matd(6, 6), s = matd(3, 3), r = matd(3, 3), t = matd(3, 1),
+       p = matd(3, 3);
   for (int n = 0; n < 50; ++n) {
     rnd.fill(d.get());
     Matd h = homogeneous(to_eigen(d.get()));
@@ -177,7 +179,8 @@ TEST(Homogene, RodriguesAgreesWithAngleAxis) {
     from_eigen(skew(axis), s.get());
     MATD_exponentiel_matrice_antisymetrique(s.get(), r.get(), w.wp.data(), w.id.get(), theta);
     // The angle is used exactly as the float it arrived as.
-    const Eigen::Matrix3d expected = Eigen::AngleAxisd(static_cast<double>(theta), axis).toRotationMatrix();
+    const Eigen::Matrix3d expected =
+        Eigen::AngleAxisd(static_cast<double>(theta), axis).toRotationMatrix();
     EXPECT_LT((to_eigen(r.get()) - expected).norm(), 1e-14);
   }
 }
@@ -193,7 +196,8 @@ TEST(Homogene, TwistExponentialAgreesWithTheMatrixExponential) {
   // A quarter turn about z.
   from_eigen((Eigen::MatrixXd(6, 1) << 0, 0, 1, 0, 0, 0).finished(), xi.get());
   w.run(xi.get(), h.get(), static_cast<float>(M_PI / 2));
-  const Eigen::Matrix3d rz = Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ()).toRotationMatrix();
+  const Eigen::Matrix3d rz =
+      Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ()).toRotationMatrix();
   EXPECT_LT((to_eigen(h.get()).topLeftCorner(3, 3) - rz).norm(), 1e-7);
 
   Random rnd(34);
@@ -219,10 +223,11 @@ TEST(Homogene, SpringWrenchColumnMatchesTheRecordFormExceptTheMomentRow) {
   for (int i = 0; i < 7; ++i)
     W[i] = m[i].get();
   auto x = [&](int i) { return m[7 + i].get(); };
-  Matd id(MATD_identite(3)), tv = matd(3, 1), fv = matd(3, 1), w(MATD_creer_wrench()), K = matd(6, 6);
+  Matd id(MATD_identite(3)), tv = matd(3, 1), fv = matd(3, 1), w(MATD_creer_wrench()),
+                             K = matd(6, 6);
   auto run = [&](const MATD *h) {
-    MATD_calculer_wrench(K.get(), h, w.get(), W, nullptr, id.get(), x(0), x(1), tv.get(), x(2), x(3),
-                         x(4), x(5), x(6), x(7), x(8), x(9), nullptr, fv.get(), x(10));
+    MATD_calculer_wrench(K.get(), h, w.get(), W, nullptr, id.get(), x(0), x(1), tv.get(), x(2),
+                         x(3), x(4), x(5), x(6), x(7), x(8), x(9), nullptr, fv.get(), x(10));
   };
   // Identity pose, diagonal stiffness: nothing.
   Eigen::MatrixXd k = Eigen::VectorXd::LinSpaced(6, 1, 6).asDiagonal();
@@ -244,14 +249,17 @@ TEST(Homogene, SpringWrenchColumnMatchesTheRecordFormExceptTheMomentRow) {
     from_eigen(k, K.get());
     Matd hd = homogeneous(to_eigen(d.get()));
     run(hd.get());
-    TORS_calculer_effort(K.get(), d.get(), f.get(), W, nullptr, id.get(), x(11), x(12), x(13), x(14),
-                         x(15), x(16), x(17), x(18), x(19), x(20), x(21), e1, e2);
+    TORS_calculer_effort(K.get(), d.get(), f.get(), W, nullptr, id.get(), x(11), x(12), x(13),
+                         x(14), x(15), x(16), x(17), x(18), x(19), x(20), x(21), e1, e2);
     const Eigen::MatrixXd col = to_eigen(w.get());
     EXPECT_LT((col.bottomRows(3) - to_eigen3(f->vrot)).norm(), 1e-12);
     const Eigen::MatrixXd moment_matrix = to_eigen(x(10));
     EXPECT_EQ(col.topRows(3), moment_matrix.row(0).transpose());
     // The record form extracts the vector of the same matrix instead.
-    EXPECT_LT((to_eigen3(f->vtrans) - Eigen::Vector3d(moment_matrix(2, 1), moment_matrix(0, 2), moment_matrix(1, 0))).norm(), 1e-12);
+    EXPECT_LT((to_eigen3(f->vtrans) -
+               Eigen::Vector3d(moment_matrix(2, 1), moment_matrix(0, 2), moment_matrix(1, 0)))
+                  .norm(),
+              1e-12);
   }
 }
 

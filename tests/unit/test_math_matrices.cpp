@@ -300,7 +300,8 @@ TEST(Matd, PrintingIsByteExact) {
   Matd a = matd(2, 3, {1, 2, 3, 4, 5, 6.0006});
   ::testing::internal::CaptureStdout();
   MATD_afficher_tr(a.get());
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "1.000\t4.000\t\n2.000\t5.000\t\n3.000\t6.001\t\n");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "1.000\t4.000\t\n2.000\t5.000\t\n3.000\t6.001\t\n");
 
   const double v[3] = {1, -0.5, 2};
   ::testing::internal::CaptureStdout();

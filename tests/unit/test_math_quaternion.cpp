@@ -228,7 +228,8 @@ TEST(Quat, AxisAngleRulesAndRoundTrip) {
     const Eigen::Vector3d axis = rnd.vector().normalized();
     const double angle = rnd.uniform(0.01, 2 * M_PI - 0.01);
     QUAT_remplir_vrot(q.get(), 3 * axis.x(), 3 * axis.y(), 3 * axis.z(), angle);
-    EXPECT_TRUE(same_rotation(to_eigen(q.get()), Eigen::Quaterniond(Eigen::AngleAxisd(angle, axis)), 1e-14));
+    EXPECT_TRUE(same_rotation(to_eigen(q.get()), Eigen::Quaterniond(Eigen::AngleAxisd(angle, axis)),
+                              1e-14));
     QUAT_vider_vrot(q.get(), &x, &y, &z, &a);
     EXPECT_NEAR(a, angle, 1e-7); // acos near 0 and 2 pi loses precision
     EXPECT_LT((Eigen::Vector3d(x, y, z) - axis).norm(), 1e-6);
@@ -273,7 +274,8 @@ TEST(Quat, AngularVelocityConversionsAreInverseAndMatchTheMotion) {
     QUAT_convertir_vitesse_rotation_en_quaternion_derive(q.get(), w.data(), dq.get());
     // Finite difference of q(t) = exp(w t) q(0), w in the reference frame.
     const double h = 1e-6;
-    const Eigen::Quaterniond later = Eigen::Quaterniond(Eigen::AngleAxisd(w.norm() * h, w.normalized())) * e;
+    const Eigen::Quaterniond later =
+        Eigen::Quaterniond(Eigen::AngleAxisd(w.norm() * h, w.normalized())) * e;
     const Eigen::Vector4d fd = (later.coeffs() - e.coeffs()) / h;
     EXPECT_LT((coeffs(dq.get()) - fd).norm(), 1e-5);
     Eigen::Vector3d back;

@@ -129,7 +129,8 @@ TEST(Tors, FrameChangesConservePowerAndMatchEigen) {
     // The wrench carried by the transpose adjoint delivers the same power.
     TORS_mult_vitesse_par_adjointe(t.get(), A.get(), r.get());
     TORS_mult_effort_par_adjointe_transpose(f.get(), A.get(), pair, ft.get());
-    EXPECT_NEAR(TORS_produit_scalaire(r.get(), f.get()), TORS_produit_scalaire(t.get(), ft.get()), 1e-12);
+    EXPECT_NEAR(TORS_produit_scalaire(r.get(), f.get()), TORS_produit_scalaire(t.get(), ft.get()),
+                1e-12);
     EXPECT_LT((to_eigen6(r.get()) - to_eigen(A.get()) * to_eigen6(t.get())).norm(), 1e-12);
 
     // Matrix to wrench: M applied to the swapped twist.
@@ -237,7 +238,8 @@ TEST(Tors, DerivativeOfAMovingDisplacement) {
   TSIG_FILTRE *filter = TSIG_creer_filtre_1er_ordre(fc.get(), tech);
   ASSERT_NE(filter, nullptr);
   Depl d = depl(), prev = depl(), work = depl();
-  Matd in = matd(6, 1), out = matd(6, 1), A = matd(6, 6), S = matd(3, 3), R = matd(3, 3), P = matd(3, 3);
+  Matd in = matd(6, 1), out = matd(6, 1), A = matd(6, 6), S = matd(3, 3), R = matd(3, 3),
+       P = matd(3, 3);
   Tors t = tors(), body = tors(), r = tors();
   // Spinning about z at 2 rad/s at a fixed point p, while also translating at v.
   const Eigen::Vector3d p0(0.3, -0.2, 0.1), v(0.05, 0.1, -0.2);
@@ -246,8 +248,8 @@ TEST(Tors, DerivativeOfAMovingDisplacement) {
     const Eigen::Vector3d p = p0 + v * (k * tech);
     DEPL_remplir_trans_vrot(d.get(), p.x(), p.y(), p.z(), 0, 0, 1, rate * k * tech);
     if (k > 0)
-      TORS_deriver_deplacement(d.get(), prev.get(), work.get(), in.get(), out.get(), filter, t.get(),
-                               body.get(), r.get(), A.get(), S.get(), R.get(), P.get());
+      TORS_deriver_deplacement(d.get(), prev.get(), work.get(), in.get(), out.get(), filter,
+                               t.get(), body.get(), r.get(), A.get(), S.get(), R.get(), P.get());
     double flat[7];
     DEPL_vider_7_double(d.get(), flat);
     DEPL_remplir_7_double(prev.get(), flat);

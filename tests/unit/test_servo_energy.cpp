@@ -87,7 +87,8 @@ TEST(EnergyPosition, NumericalExplosionIsReportedOnce) {
   // An infinite pose, or a vanishing speed factor, overflows the energy.
   EXPECT_EQ(command(s, INFINITY), -1);
   EXPECT_EQ(command(s, INFINITY), -1);
-  EXPECT_EQ(s.take_output(), "---- depassement Ec (position en translation): explosion numerique ----\n");
+  EXPECT_EQ(s.take_output(),
+            "---- depassement Ec (position en translation): explosion numerique ----\n");
 }
 
 TEST(EnergyPosition, RotationalHoldSharesTheLastAcceptedVectorPart) {
@@ -99,7 +100,7 @@ TEST(EnergyPosition, RotationalHoldSharesTheLastAcceptedVectorPart) {
   EXPECT_EQ(command(s, 0.0f, 0.01f), 0);
   EXPECT_EQ(p.pos_rot.limitation, 1);
   EXPECT_EQ(p.X_ref->rot->partie_vect, p.X_cmd_prev->rot->partie_vect);
-  EXPECT_EQ(p.X_ref->rot->partie_scal, 1.0); // scalar part frozen at the hold
+  EXPECT_EQ(p.X_ref->rot->partie_scal, 1.0);             // scalar part frozen at the hold
   EXPECT_NEAR(p.X_ref->rot->partie_vect[2], 0.01, 1e-7); // vector part moved along
   // Far from the held rotation: refused, one message with the angular speed.
   EXPECT_EQ(command(s, 0.0f, 0.5f), -1);

@@ -8,7 +8,9 @@ using kalo_test::ServoContext;
 
 namespace {
 const float kUnitInertia[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-double diag(const MATD *m, int i) { return m->donnees[i * 7]; }
+double diag(const MATD *m, int i) {
+  return m->donnees[i * 7];
+}
 } // namespace
 
 TEST(ServoGains, MassAndTimeStepGiveTheTranslationalGains) {
