@@ -12,7 +12,7 @@ set -euo pipefail
 
 main_packages="cmake g++ make pkg-config libtirpc-dev"
 test_packages="libgtest-dev libgmock-dev libeigen3-dev libbenchmark-dev binutils doxygen
-  clang-14 libclang-rt-14-dev python3-numpy python3-matplotlib python3-pytest dpkg-dev file"
+  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev python3-numpy python3-matplotlib python3-pytest dpkg-dev file"
 
 case "${1:-main}" in
   main) wanted="$main_packages" ;;

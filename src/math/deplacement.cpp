@@ -50,7 +50,7 @@ DEPL *DEPL_creer(void) {
   // What was already allocated is not released on failure (documented behaviour).
   d->trans = VECT3_creer();
   if (d->trans == nullptr)
-    return nullptr;
+    return nullptr; // NOLINT(clang-analyzer-unix.Malloc): what was allocated stays, as documented
   d->rot = QUAT_creer();
   if (d->rot == nullptr)
     return nullptr;

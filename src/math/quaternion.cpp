@@ -33,7 +33,7 @@ QUAT *QUAT_creer(void) {
     return nullptr;
   q->partie_vect = VECT3_creer();
   if (q->partie_vect == nullptr)
-    return nullptr; // the record is deliberately not released (documented behaviour)
+    return nullptr; // NOLINT(clang-analyzer-unix.Malloc): what was allocated stays, as documented
   q->partie_scal = 1.0;
   return q;
 }

