@@ -8,6 +8,7 @@
 #include "simulator.h"
 
 using namespace std::chrono_literals;
+using kalo::Field;
 using kalo::sim::Config;
 using kalo::sim::Faults;
 using kalo::sim::Simulator;
@@ -117,11 +118,11 @@ TEST(SimFaults, GoesSilentForTheAskedTime) {
 
 TEST(SimFaults, PauseAndRestart) {
   Connected c;
-  c.client->send({24, 25}, [](ExchangeRecord &x) {
+  c.client->send({Field::command_type, Field::power_on}, [](ExchangeRecord &x) {
     x.command_type = 4;
     x.power_on = 1;
   });
-  ASSERT_TRUE(c.sim.wait_for_frame_with(24, 1s));
+  ASSERT_TRUE(c.sim.wait_for_frame_with(Field::command_type, 1s));
   c.sim.pause();
   std::size_t n = c.client->settle();
   std::this_thread::sleep_for(50ms);
@@ -139,7 +140,7 @@ TEST(SimFaults, PauseAndRestart) {
   EXPECT_FALSE(c.sim.device().power);
   c.client->hello();
   ASSERT_TRUE(c.client->wait_count(n + 5, 1s));
-  EXPECT_TRUE(c.client->frames_since(n).front().ids[52]);
+  EXPECT_TRUE(c.client->frames_since(n).front().has(Field::control_point_count));
 }
 
 // Every kind of bad datagram is counted and dropped; streaming goes on and the
@@ -188,21 +189,21 @@ TEST(SimFaults, MalformedDatagramsAreCountedAndDropped) {
   }
   // Still served: a request right after is answered.
   const std::size_t first = c.client->count();
-  c.client->request(38);
-  auto r = c.client->wait_for(38, first, 1s);
+  c.client->request(Field::controller_version);
+  auto r = c.client->wait_for(Field::controller_version, first, 1s);
   ASSERT_TRUE(r);
   EXPECT_EQ(r->controller_version[0], 6);
   EXPECT_EQ(c.sim.stats().malformed - malformed0, static_cast<uint64_t>(bad));
   EXPECT_TRUE(c.sim.device().client);
   // None of them was recorded as a received frame.
   for (const auto &f : c.sim.take_received())
-    EXPECT_TRUE(f.has(44) || f.has(20));
+    EXPECT_TRUE(f.has(Field::hello) || f.has(Field::request));
 }
 
 TEST(SimFaults, FramesFromSomeoneElseAreIgnored) {
   Connected c;
   RawClient intruder(c.sim.port());
-  intruder.send({24, 25}, [](ExchangeRecord &x) {
+  intruder.send({Field::command_type, Field::power_on}, [](ExchangeRecord &x) {
     x.command_type = 4;
     x.power_on = 1;
   });
