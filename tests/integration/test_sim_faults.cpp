@@ -59,8 +59,8 @@ TEST(SimFaults, DropsCorruptsAndDuplicatesTheAskedRatios) {
       EXPECT_TRUE(!frames[i].envelope_ok || frames[i].decoded);
       repeats += i > 0 && frames[i].time_stamp == frames[i - 1].time_stamp;
     }
-    if (f.drop_ratio > 0)
-      EXPECT_NEAR(1.0 - static_cast<double>(frames.size()) / sent, f.drop_ratio, 0.05);
+    const double lost = 1.0 - static_cast<double>(frames.size()) / sent;
+    EXPECT_NEAR(f.drop_ratio > 0 ? lost : 0, f.drop_ratio, 0.05);
     EXPECT_NEAR(bad / static_cast<double>(frames.size()), f.corrupt_ratio, 0.06);
     EXPECT_NEAR(repeats / (static_cast<double>(frames.size()) - repeats), f.duplicate_ratio, 0.1);
   }
