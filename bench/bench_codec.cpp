@@ -24,8 +24,9 @@ std::unique_ptr<ExchangeRecord> typical_state() {
   r->buttons = 3;
   r->failure = 0;
   r->alarm = 1 << 16;
-  for (int id : {1, 14, 15, 21, 22, 54})
-    r->field_changed[id] = 1;
+  for (kalo::Field f : {kalo::Field::time_stamp, kalo::Field::position, kalo::Field::speed,
+                        kalo::Field::failure, kalo::Field::buttons, kalo::Field::alarm})
+    kalo::post_field(*r, f);
   return r;
 }
 

@@ -141,8 +141,9 @@ public:
   // A typical state frame: time stamp, position, speed, failure, buttons,
   // alarm, plus whatever the library asked for.
   void send_state() {
-    for (int id : {1, 14, 15, 21, 22, 54})
-      state_->field_changed[id] = 1;
+    for (kalo::Field f : {kalo::Field::time_stamp, kalo::Field::position, kalo::Field::speed,
+                          kalo::Field::failure, kalo::Field::buttons, kalo::Field::alarm})
+      kalo::post_field(*state_, f);
     state_->time_stamp = static_cast<int32_t>(now_us());
     send_marked();
   }
@@ -163,11 +164,11 @@ public:
     have_client_ = true;
     kalo::clear_changes(*command_);
     encode_decode(kalo::kModeDecode, command_.get(), datagram + 4, static_cast<uint32_t>(length));
-    if (command_->field_changed[44] != 0) { // hello: the counts go first, alone
-      state_->field_changed[52] = 1;
-      state_->field_changed[69] = 1;
+    if (kalo::carries(*command_, kalo::Field::hello)) { // the counts go first, alone
+      kalo::post_field(*state_, kalo::Field::control_point_count);
+      kalo::post_field(*state_, kalo::Field::axis_count_wire);
     }
-    if (command_->field_changed[20] != 0 && command_->request > 0 &&
+    if (kalo::carries(*command_, kalo::Field::request) && command_->request > 0 &&
         command_->request <= kalo::kFieldCount)
       state_->field_changed[command_->request] = 1;
     return true;
@@ -280,7 +281,7 @@ BENCHMARK(BM_ExchangeRoundTrip)
 // histogram), on a context of its own with no link.
 void BM_TelemetryPerExchange(benchmark::State &state) {
   auto *ctx = new KaloContext();
-  ctx->state_record.field_changed[1] = 1;
+  kalo::post_field(ctx->state_record, kalo::Field::time_stamp);
   uint32_t stamp = 0;
   for (auto _ : state) {
     stamp += 1000;

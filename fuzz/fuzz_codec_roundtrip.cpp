@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         std::abort();
     }
   }
-  if (ra.field_changed[29] != 0 &&
+  if (kalo::carries(ra, kalo::Field::traj_sample) &&
       std::memcmp(&a.samples[static_cast<std::size_t>(rb.list_index - 1) * 7],
                   &b.samples[static_cast<std::size_t>(rb.list_index - 1) * 7],
                   7 * sizeof(float)) != 0)

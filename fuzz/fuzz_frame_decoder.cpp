@@ -122,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
   if (kalo_test::unowned_change(*f.live, state) >= 0 || !kalo_test::counts_fit(state))
     std::abort();
   const std::size_t sample_bytes = f.samples.size() * sizeof(float);
-  if (state.field_changed[29] != 0)
+  if (kalo::carries(state, kalo::Field::traj_sample))
     std::memset(f.samples.data(), 0, sample_bytes); // samples landed where the frame said
   else if (std::memcmp(f.samples.data(), f.zero_samples.data(), sample_bytes) != 0)
     std::abort();

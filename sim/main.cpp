@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "fields.h"
 #include "simulator.h"
 
 namespace {
@@ -61,7 +60,8 @@ Device state (values as decimal or 0x hex)
       --trackball V,..    6 trackball words (item 67)
       --adc V,V,V         3 converter values (item 66)
       --joints V,..       joint positions (item 70)
-      --set ID=V,..       put field ID with these values in every frame (repeatable)
+      --set ID=V,..       put field ID (number or name) with these values in every frame
+                          (repeatable)
 
 Faults (for reliability tests)
       --drop R            ratio of frames not sent (0..1)
@@ -172,7 +172,7 @@ int main(int argc, char **argv) {
   struct Initial {
     long buttons = -1, failure = -1, alarm = -1, inputs = -1;
     std::vector<double> analog, trackball, adc, joints;
-    std::vector<std::pair<int, std::vector<double>>> fields;
+    std::vector<std::pair<kalo::Field, std::vector<double>>> fields;
   } initial;
   double duration = 0, silence_at = -1, restart_after = -1;
   long silence_ms = 0;
@@ -331,8 +331,11 @@ int main(int argc, char **argv) {
       const auto eq = s.find('=');
       if (eq == std::string::npos)
         usage_error("--set takes ID=VALUES");
-      const int id = static_cast<int>(integer(s.substr(0, eq).c_str(), "field id", 1, 92));
-      initial.fields.emplace_back(id, list(s.substr(eq + 1), "field values", 64));
+      const std::string key = s.substr(0, eq);
+      const int named = kalo::field_by_name(key.c_str());
+      const int id = named != 0 ? named : static_cast<int>(integer(key.c_str(), "field id", 1, 92));
+      initial.fields.emplace_back(static_cast<kalo::Field>(id),
+                                  list(s.substr(eq + 1), "field values", 64));
       break;
     }
     case kDrop:

@@ -20,18 +20,28 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "fields.h"
 #include "kalo/kalo_internal.h"
+#include "protocol/field_values.h"
 #include "protocol/proto_session.h"
 
 namespace kalo::sim {
 namespace {
 
-constexpr int kHello = 44, kClose = 37, kRequest = 20, kCommandType = 24, kPowerOn = 25;
-constexpr int kTrajSample = 29, kTrajCount = 30, kUpperBound = 49;
-constexpr int kPointCount = 52, kAxisCount = 69;
 // Sent once to every new client: the state that is not in every frame.
-constexpr int kSnapshot[] = {64, 65, 66, 67, 70, 71, 73, 74, 90, 91};
+constexpr Field kSnapshot[] = {Field::center_sphere,
+                               Field::axis_of_rotation,
+                               Field::field_66,
+                               Field::trackball_buttons,
+                               Field::articular_position,
+                               Field::articular_speed,
+                               Field::additional_axis_position,
+                               Field::additional_axis_speed,
+                               Field::analogic_inputs,
+                               Field::tor_inputs};
+// In every state frame.
+constexpr Field kEveryFrame[] = {Field::time_stamp,     Field::position, Field::speed,
+                                 Field::failure,        Field::buttons,  Field::physical_position,
+                                 Field::physical_speed, Field::alarm};
 constexpr uint32_t kPowerBit = 1u << 16;
 constexpr std::size_t kDatagramRoom = kSessionBufferSize;
 constexpr std::size_t kDelaySlots = 4096;
@@ -62,6 +72,16 @@ void sleep_until_ns(int64_t t) {
 
 bool same_peer(const sockaddr_in &a, const sockaddr_in &b) {
   return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
+}
+
+// Whether a request (item 20) names a field the controller sends on demand:
+// the counts are in every frame, and hello, close and trajectory samples are
+// no state to report.
+bool answerable(int asked) {
+  const auto f = static_cast<Field>(asked);
+  return asked >= 1 && asked <= kFieldCount && f != Field::control_point_count &&
+         f != Field::axis_count_wire && f != Field::hello && f != Field::close_request &&
+         f != Field::traj_sample;
 }
 
 // Small, fast generator for the fault draws (xorshift64*).
@@ -150,7 +170,7 @@ private:
 };
 
 struct Override {
-  int id;
+  Field field;
   std::vector<double> values;
 };
 
@@ -163,8 +183,8 @@ struct DelaySlot {
 
 } // namespace
 
-bool ReceivedFrame::has(int id) const {
-  return std::binary_search(ids.begin(), ids.end(), id);
+bool ReceivedFrame::has(Field f) const {
+  return std::binary_search(ids.begin(), ids.end(), id(f));
 }
 
 bool parse_version(const std::string &text, int &major, int &minor) {
@@ -434,7 +454,7 @@ void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t siz
     return;
   }
   counters.received.fetch_add(1, std::memory_order_relaxed);
-  const bool hello = rx.field_changed[kHello] != 0;
+  const bool hello = carries(rx, Field::hello);
   const bool from_client = have_client && same_peer(from, client);
   if (trace.is_open())
     trace_frame(rx, now, "in", hello || from_client ? "" : "foreign");
@@ -454,9 +474,9 @@ void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t siz
   f.time = Clock::time_point(std::chrono::nanoseconds(now));
   f.from = from;
   f.payload.assign(payload.begin(), payload.begin() + length);
-  for (int id = 1; id <= kFieldCount; ++id)
-    if (rx.field_changed[id])
-      f.ids.push_back(id);
+  for (int i = 1; i <= kFieldCount; ++i)
+    if (rx.field_changed[i])
+      f.ids.push_back(i);
   f.record = rx;
   received.push_back(std::move(f));
   while (received.size() > cfg.max_recorded && !received.empty())
@@ -465,67 +485,65 @@ void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t siz
 }
 
 void Simulator::Impl::react(const sockaddr_in &from, int64_t now) {
-  const auto &changed = cmd.field_changed;
-  if (changed[kHello]) {
+  auto changed = [this](Field f) { return carries(cmd, f); };
+  if (changed(Field::hello)) {
     // A hello from the client being served (it heard nothing for a while)
     // resumes the connection as it was; anyone else's starts a new one.
     if (!(have_client && same_peer(from, client)))
       forget_client(false);
     have_client = true;
     client = from;
-    for (int id : kSnapshot) // the device's state that is not in every frame
-      pending[static_cast<std::size_t>(id)] = true;
+    for (Field f : kSnapshot) // the device's state that is not in every frame
+      pending[id(f)] = true;
     counters.connections.fetch_add(1, std::memory_order_relaxed);
     char host[INET_ADDRSTRLEN] = "?";
     inet_ntop(AF_INET, &from.sin_addr, host, sizeof host);
     log(1, "client %s:%u connected", host, ntohs(from.sin_port));
   }
-  if (changed[kCommandType]) {
+  if (changed(Field::command_type)) {
     mode_byte = static_cast<unsigned char>(cmd.command_type);
     st.command_type = cmd.command_type;
     has_pos_target = has_speed_target = false; // set-points of the old mode do not carry over
     log(2, "command type byte %d", mode_byte);
   }
-  if (changed[kPowerOn]) {
+  if (changed(Field::power_on)) {
     power = cmd.power_on != 0;
     log(2, "power %s", power ? "on" : "off");
   }
-  if (changed[14]) {
+  if (changed(Field::position)) {
     has_pos_target = true;
     has_speed_target = false;
   }
-  if (changed[15] && !changed[14]) {
+  if (changed(Field::speed) && !changed(Field::position)) {
     has_speed_target = true;
     has_pos_target = false;
   }
-  if (changed[2])
+  if (changed(Field::simulation_stiffness))
     std::copy(std::begin(cmd.simulation_stiffness), std::end(cmd.simulation_stiffness),
               st.simulation_stiffness);
-  if (changed[3])
+  if (changed(Field::simulation_damping))
     std::copy(std::begin(cmd.simulation_damping), std::end(cmd.simulation_damping),
               st.simulation_damping);
-  if (changed[32])
+  if (changed(Field::vm_base_frame))
     std::copy(std::begin(cmd.vm_base_frame), std::end(cmd.vm_base_frame), st.vm_base_frame);
-  if (changed[43]) {
+  if (changed(Field::vm_base_frame_to_current)) {
     const Pose &p = model.pose();
     std::copy(p.begin(), p.end(), st.vm_base_frame);
   }
-  if (changed[kTrajCount]) {
+  if (changed(Field::traj_sample_count)) {
     traj_remaining = std::max(0, cmd.traj_sample_count);
     traj_index = 0;
     log(2, "sampling %d trajectory points", traj_remaining);
   }
-  if (changed[kUpperBound])
+  if (changed(Field::vm_wait_upper_bound))
     echo_upper_bound = true;
-  if (changed[kRequest]) {
-    const int id = cmd.request;
-    log(2, "request %d (%s)", id, field_layout(id).name);
-    if (id == kPointCount || id == kAxisCount)
-      ; // in every frame anyway
-    else if (id >= 1 && id <= kFieldCount && id != kHello && id != kClose && id != kTrajSample)
-      pending[static_cast<std::size_t>(id)] = true;
+  if (changed(Field::request)) {
+    const int asked = cmd.request;
+    log(2, "request %d (%s)", asked, field_name(asked));
+    if (answerable(asked))
+      pending[asked] = true;
   }
-  if (changed[kClose]) {
+  if (changed(Field::close_request)) {
     log(1, "client closed the connection");
     forget_client(false);
   }
@@ -535,10 +553,10 @@ void Simulator::Impl::react(const sockaddr_in &from, int64_t now) {
 // ---- sending ----
 
 void Simulator::Impl::apply_inputs_locked() {
-  auto mark = [&](int id) {
-    if (in.dirty[static_cast<std::size_t>(id)]) {
-      pending[static_cast<std::size_t>(id)] = true;
-      in.dirty[static_cast<std::size_t>(id)] = false;
+  auto mark = [&](Field f) {
+    if (in.dirty[id(f)]) {
+      pending[id(f)] = true;
+      in.dirty[id(f)] = false;
       return true;
     }
     return false;
@@ -546,31 +564,27 @@ void Simulator::Impl::apply_inputs_locked() {
   st.buttons = static_cast<int16_t>(in.buttons);
   st.failure = static_cast<int16_t>(in.failure);
   user_alarm = in.alarm;
-  if (mark(91))
+  if (mark(Field::tor_inputs))
     st.tor_inputs = static_cast<int32_t>(in.tor);
-  if (mark(90))
+  if (mark(Field::analogic_inputs))
     std::copy(in.analog.begin(), in.analog.end(), st.analogic_inputs);
-  if (mark(67))
+  if (mark(Field::trackball_buttons))
     std::copy(in.trackball.begin(), in.trackball.end(), st.trackball_buttons);
-  if (mark(66))
+  if (mark(Field::field_66))
     std::copy(in.adc.begin(), in.adc.end(), st.field_66);
-  const bool joints = in.dirty[70] || in.dirty[71];
-  mark(70);
-  mark(71);
-  if (joints) {
+  const bool joints = mark(Field::articular_position);
+  if (mark(Field::articular_speed) || joints) {
     std::copy(in.joint_pos.begin(), in.joint_pos.end(), st.articular_position);
     std::copy(in.joint_speed.begin(), in.joint_speed.end(), st.articular_speed);
   }
-  const bool extra_axis = in.dirty[73] || in.dirty[74];
-  mark(73);
-  mark(74);
-  if (extra_axis) {
+  const bool extra_axis = mark(Field::additional_axis_position);
+  if (mark(Field::additional_axis_speed) || extra_axis) {
     st.additional_axis_position = in.add_pos;
     st.additional_axis_speed = in.add_speed;
   }
-  if (mark(64))
+  if (mark(Field::center_sphere))
     std::copy(in.center_sphere.begin(), in.center_sphere.end(), st.center_sphere);
-  if (mark(65))
+  if (mark(Field::axis_of_rotation))
     std::copy(in.axis_of_rotation.begin(), in.axis_of_rotation.end(), st.axis_of_rotation);
   if (in.teleport) {
     model.teleport(*in.teleport);
@@ -675,16 +689,15 @@ void Simulator::Impl::tick(int64_t now) {
     clear_changes(st);
     st.time_stamp =
         static_cast<int32_t>(wall_clock_us_low32() - static_cast<uint32_t>(tick_lag_ns / 1000));
-    st.field_changed[1] = 1;
-    for (int id : {14, 15, 21, 22, 39, 51, 54})
-      st.field_changed[id] = 1;
-    for (int id = 1; id <= kFieldCount; ++id)
-      if (pending[static_cast<std::size_t>(id)]) {
-        st.field_changed[id] = 1;
-        pending[static_cast<std::size_t>(id)] = false;
+    for (Field f : kEveryFrame)
+      st.field_changed[id(f)] = 1;
+    for (int i = 1; i <= kFieldCount; ++i)
+      if (pending[i]) {
+        st.field_changed[i] = 1;
+        pending[i] = false;
       }
     if (echo_upper_bound) {
-      st.field_changed[kUpperBound] = 1;
+      post_field(st, Field::vm_wait_upper_bound);
       echo_upper_bound = false;
     }
     if (traj_remaining > 0) {
@@ -694,7 +707,7 @@ void Simulator::Impl::tick(int64_t now) {
                                : traj_path[static_cast<std::size_t>(traj_index) % traj_path.size()];
       if (traj_index < kTrajSampleRoom)
         std::copy(sample.begin(), sample.end(), traj[static_cast<std::size_t>(traj_index)].begin());
-      st.field_changed[kTrajSample] = 1;
+      post_field(st, Field::traj_sample);
       ++traj_index;
       --traj_remaining;
     }
@@ -702,14 +715,14 @@ void Simulator::Impl::tick(int64_t now) {
       for (const Override &o : *list) {
         // The counts are the simulator's own (set_counts): a frame sized by a
         // count the record cannot hold would be read past its members.
-        if (o.id == kPointCount || o.id == kAxisCount)
+        if (o.field == Field::control_point_count || o.field == Field::axis_count_wire)
           continue;
-        put_values(st, o.id, o.values);
-        if (o.id == kTrajSample && st.list_index >= 0 && st.list_index < kTrajSampleRoom)
+        put_values(st, o.field, o.values);
+        if (o.field == Field::traj_sample && st.list_index >= 0 && st.list_index < kTrajSampleRoom)
           std::copy(o.values.begin() + std::min<std::size_t>(1, o.values.size()),
                     o.values.begin() + std::min<std::size_t>(8, o.values.size()),
                     traj[static_cast<std::size_t>(st.list_index)].begin());
-        st.field_changed[o.id] = 1;
+        post_field(st, o.field);
       }
     once_local.clear();
     const int32_t index = st.list_index;
@@ -742,15 +755,18 @@ uint32_t Simulator::Impl::encode_state_frame() {
   clear_changes(st);
   st.control_point_count = ncp;
   st.axis_count_wire = nax;
-  st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 1;
+  post_field(st, Field::control_point_count);
+  post_field(st, Field::axis_count_wire);
   const uint32_t head = encode_decode(kModeEncode, &st, payload.data(), kFrameCapacity);
   std::copy(body.begin(), body.end(), std::begin(st.field_changed));
-  st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 0;
+  st.field_changed[id(Field::control_point_count)] = st.field_changed[id(Field::axis_count_wire)] =
+      0;
   const uint32_t rest =
       head == kCodecFailure
           ? kCodecFailure
           : encode_decode(kModeEncode, &st, payload.data() + head, kFrameCapacity - head);
-  st.field_changed[kPointCount] = st.field_changed[kAxisCount] = 1; // for the trace
+  post_field(st, Field::control_point_count); // for the trace
+  post_field(st, Field::axis_count_wire);
   if (rest == kCodecFailure || head + rest > kFrameCapacity)
     return kCodecFailure;
   return head + rest;
@@ -832,16 +848,17 @@ void Simulator::Impl::trace_frame(const ExchangeRecord &r, int64_t now, const ch
   if (note != nullptr && *note)
     line.insert(line.size() - 1, note);
   bool first = true;
-  for (int id = 1; id <= kFieldCount; ++id) {
-    if (!r.field_changed[id])
+  for (int i = 1; i <= kFieldCount; ++i) {
+    if (!r.field_changed[i])
       continue;
     if (!first)
       line += ';';
     first = false;
-    line += std::to_string(id); // short strings stay in place: no allocation
-    if (field_layout(id).segment_count > 0) {
+    line += std::to_string(i); // short strings stay in place: no allocation
+    const auto f = static_cast<Field>(i);
+    if (has_values(f)) {
       line += '=';
-      append_values(r, id, line);
+      append_values(r, f, line);
     }
   }
   line += '\n';
@@ -1030,16 +1047,16 @@ void Simulator::set_alarm(uint32_t bits) {
   KALO_SIM_SET(in.alarm = bits);
 }
 void Simulator::set_tor_inputs(uint32_t bits) {
-  KALO_SIM_SET(in.tor = bits; in.dirty[91] = true);
+  KALO_SIM_SET(in.tor = bits; in.dirty[id(Field::tor_inputs)] = true);
 }
 void Simulator::set_analog_inputs(const std::array<float, 7> &v) {
-  KALO_SIM_SET(in.analog = v; in.dirty[90] = true);
+  KALO_SIM_SET(in.analog = v; in.dirty[id(Field::analogic_inputs)] = true);
 }
 void Simulator::set_trackball(const std::array<int32_t, 6> &v) {
-  KALO_SIM_SET(in.trackball = v; in.dirty[67] = true);
+  KALO_SIM_SET(in.trackball = v; in.dirty[id(Field::trackball_buttons)] = true);
 }
 void Simulator::set_adc(const std::array<float, 3> &v) {
-  KALO_SIM_SET(in.adc = v; in.dirty[66] = true);
+  KALO_SIM_SET(in.adc = v; in.dirty[id(Field::field_66)] = true);
 }
 void Simulator::set_joints(std::span<const float> positions, std::span<const float> speeds) {
   KALO_SIM_SET({
@@ -1049,20 +1066,22 @@ void Simulator::set_joints(std::span<const float> positions, std::span<const flo
                 in.joint_pos.begin());
     std::copy_n(speeds.begin(), std::min<std::size_t>(speeds.size(), kArticularRoom),
                 in.joint_speed.begin());
-    in.dirty[70] = in.dirty[71] = true;
+    in.dirty[id(Field::articular_position)] = in.dirty[id(Field::articular_speed)] = true;
   });
 }
 void Simulator::set_additional_axis(float position, float speed) {
-  KALO_SIM_SET(in.add_pos = position; in.add_speed = speed; in.dirty[73] = in.dirty[74] = true);
+  KALO_SIM_SET(in.add_pos = position; in.add_speed = speed;
+               in.dirty[id(Field::additional_axis_position)] =
+                   in.dirty[id(Field::additional_axis_speed)] = true);
 }
 void Simulator::set_trajectory(std::vector<Pose> path) {
   KALO_SIM_SET(in.trajectory = std::move(path));
 }
 void Simulator::set_center_sphere(const Pose &p) {
-  KALO_SIM_SET(in.center_sphere = p; in.dirty[64] = true);
+  KALO_SIM_SET(in.center_sphere = p; in.dirty[id(Field::center_sphere)] = true);
 }
 void Simulator::set_axis_of_rotation(const Vec3 &a) {
-  KALO_SIM_SET(in.axis_of_rotation = a; in.dirty[65] = true);
+  KALO_SIM_SET(in.axis_of_rotation = a; in.dirty[id(Field::axis_of_rotation)] = true);
 }
 void Simulator::set_pose(const Pose &p) {
   KALO_SIM_SET(in.teleport = p);
@@ -1078,13 +1097,13 @@ void Simulator::set_counts(int control_points, int axes) {
                in.counts_dirty = true);
 }
 
-void Simulator::put_field(int id, std::span<const double> values, bool persistent) {
-  if (id < 1 || id > kFieldCount)
+void Simulator::put_field(Field f, std::span<const double> values, bool persistent) {
+  if (id(f) < 1 || id(f) > kFieldCount)
     return;
-  Override o{id, std::vector<double>(values.begin(), values.end())};
+  Override o{f, std::vector<double>(values.begin(), values.end())};
   KALO_SIM_SET({
     if (persistent) {
-      std::erase_if(in.persistent, [id](const Override &x) { return x.id == id; });
+      std::erase_if(in.persistent, [f](const Override &x) { return x.field == f; });
       in.persistent.push_back(std::move(o));
       in.persistent_dirty = true;
     } else {
@@ -1095,8 +1114,8 @@ void Simulator::put_field(int id, std::span<const double> values, bool persisten
 void Simulator::clear_fields() {
   KALO_SIM_SET(in.persistent.clear(); in.persistent_dirty = true);
 }
-void Simulator::clear_field(int id) {
-  KALO_SIM_SET(std::erase_if(in.persistent, [id](const Override &x) { return x.id == id; });
+void Simulator::clear_field(Field f) {
+  KALO_SIM_SET(std::erase_if(in.persistent, [f](const Override &x) { return x.field == f; });
                in.persistent_dirty = true);
 }
 
@@ -1136,14 +1155,14 @@ std::size_t Simulator::received_count() const {
   return impl_->received.size();
 }
 
-std::optional<ReceivedFrame> Simulator::wait_for_frame_with(int id,
+std::optional<ReceivedFrame> Simulator::wait_for_frame_with(Field f,
                                                             std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(impl_->mutex);
   auto &q = impl_->received;
   std::optional<ReceivedFrame> found;
   impl_->received_cv.wait_for(lock, timeout, [&] {
     const auto it =
-        std::find_if(q.begin(), q.end(), [id](const ReceivedFrame &f) { return f.has(id); });
+        std::find_if(q.begin(), q.end(), [f](const ReceivedFrame &r) { return r.has(f); });
     if (it == q.end())
       return false;
     found = std::move(*it);

@@ -27,7 +27,7 @@
 //   ASSERT_TRUE(sim.start());
 //   ... open the library on "udpxdr://127.0.0.1:15022#15021" ...
 //   sim.set_buttons(0x1);
-//   auto f = sim.wait_for_frame_with(24, std::chrono::seconds(1));
+//   auto f = sim.wait_for_frame_with(kalo::Field::command_type, std::chrono::seconds(1));
 //   ASSERT_TRUE(f); EXPECT_EQ(f->record.command_type, 4);
 #pragma once
 
@@ -94,7 +94,7 @@ struct ReceivedFrame {
   std::vector<int> ids;         // field identifiers it carried, ascending
   ExchangeRecord record{};      // the simulator's command record after decoding it:
                                 // the carried fields hold this frame's values
-  bool has(int id) const;
+  bool has(Field f) const;
 };
 
 struct Stats {
@@ -173,18 +173,18 @@ public:
   void set_counts(int control_points, int axes);
 
   // ---- arbitrary fields ----
-  // Puts field id (1..92) with the given values, in wire order (ints are
-  // truncated), into the next state frame; with persistent, into every frame
-  // until clear_fields(). The values are applied after the model's, so they
-  // override them. Item 29 takes the index then 7 floats. An id outside 1..92
-  // is ignored, and so are 52 and 69 (set_counts; send_datagram for others).
-  void put_field(int id, std::span<const double> values, bool persistent = false);
-  void put_field(int id, std::initializer_list<double> values, bool persistent = false) {
-    put_field(id, std::span<const double>(values.begin(), values.size()), persistent);
+  // Puts the field with the given values, in wire order (ints are truncated),
+  // into the next state frame; with persistent, into every frame until
+  // clear_fields(). The values are applied after the model's, so they
+  // override them. Item 29 takes the index then 7 floats. The counts (52 and
+  // 69) are ignored: set_counts, or send_datagram for a frame that lies.
+  void put_field(Field f, std::span<const double> values, bool persistent = false);
+  void put_field(Field f, std::initializer_list<double> values, bool persistent = false) {
+    put_field(f, std::span<const double>(values.begin(), values.size()), persistent);
   }
-  // Stops the persistent fields (all of them, or only id).
+  // Stops the persistent fields (all of them, or only f).
   void clear_fields();
-  void clear_field(int id);
+  void clear_field(Field f);
 
   // ---- streaming and faults ----
   void pause(); // stop sending state frames (receiving goes on)
@@ -205,9 +205,9 @@ public:
   // Hands over (and forgets) every frame received so far, oldest first.
   std::vector<ReceivedFrame> take_received();
   std::size_t received_count() const; // frames held, not yet taken
-  // Waits for a held frame that carries id, removes it from the held frames
+  // Waits for a held frame that carries f, removes it from the held frames
   // (the others stay) and returns it; nothing on time-out.
-  std::optional<ReceivedFrame> wait_for_frame_with(int id, std::chrono::milliseconds timeout);
+  std::optional<ReceivedFrame> wait_for_frame_with(Field f, std::chrono::milliseconds timeout);
   // The accumulated command record: the last value the clients sent of every field.
   ExchangeRecord last_command() const;
 

@@ -28,6 +28,7 @@
 namespace core_test {
 
 using namespace std::chrono_literals;
+using kalo::Field;
 
 inline std::string url_for(uint16_t local, uint16_t remote, const char *host = "127.0.0.1") {
   return std::string("udpxdr://") + host + ":" + std::to_string(local) + "#" +
@@ -106,10 +107,10 @@ inline bool posted_within(TR_SEMAPHORE *s, std::chrono::milliseconds limit) {
 }
 
 // Marks a command field as the calls do.
-template <class Write> void mark(KaloContext *ctx, int id, Write &&write) {
+template <class Write> void mark(KaloContext *ctx, kalo::Field f, Write &&write) {
   kalo::ContextLock hold(ctx);
   write(ctx->command_record);
-  kalo::post_field(ctx->command_record, static_cast<kalo::Field>(id));
+  kalo::post_field(ctx->command_record, f);
 }
 
 // Threads of this process.

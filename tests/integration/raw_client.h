@@ -47,6 +47,7 @@ struct RxFrame {
   int16_t buttons = 0;
   std::size_t size = 0;
   uint8_t head[2] = {}; // the first two identifiers (the counts, 69 then 52)
+  bool has(kalo::Field f) const { return ids[static_cast<std::size_t>(kalo::id(f))]; }
 };
 
 // The wall clock (the controller's stamps) minus the monotonic one, in us.
@@ -90,7 +91,7 @@ public:
 
   // Sends one command frame with the time stamp and the given fields, after
   // letting fill set their values.
-  void send(std::initializer_list<int> ids,
+  void send(std::initializer_list<kalo::Field> fields,
             const std::function<void(ExchangeRecord &)> &fill = {}) {
     ExchangeRecord &r = *cmd_;
     kalo::clear_changes(r);
@@ -98,8 +99,8 @@ public:
       fill(r);
     r.time_stamp = static_cast<int32_t>(mono_ns() / 1000);
     kalo::post_field(r, kalo::Field::time_stamp);
-    for (int id : ids)
-      kalo::post_field(r, static_cast<kalo::Field>(id));
+    for (kalo::Field f : fields)
+      kalo::post_field(r, f);
     unsigned char payload[kalo::kFrameCapacity];
     const uint32_t n = encode_decode(kalo::kModeEncode, &r, payload, sizeof payload);
     ASSERT_NE(n, kalo::kCodecFailure);
@@ -113,10 +114,13 @@ public:
   void send_raw(const void *bytes, std::size_t size) {
     ::sendto(fd_, bytes, size, 0, reinterpret_cast<const sockaddr *>(&peer_), sizeof peer_);
   }
-  void hello() { send({44}); }
-  void request(int id) {
-    send({20}, [id](ExchangeRecord &r) { r.request = static_cast<int16_t>(id); });
+  void hello() { send({kalo::Field::hello}); }
+  // Asks for a field; any identifier goes, as a hostile peer's would.
+  void request(int asked) {
+    send({kalo::Field::request},
+         [asked](ExchangeRecord &r) { r.request = static_cast<int16_t>(asked); });
   }
+  void request(kalo::Field f) { request(kalo::id(f)); }
 
   // Frames received in all, and the receive times of the first and the last.
   uint64_t total() const {
@@ -141,14 +145,14 @@ public:
       return {};
     return std::vector<RxFrame>(frames_.begin() + static_cast<long>(first), frames_.end());
   }
-  // Waits for a frame carrying id at position >= first; returns the state
+  // Waits for a frame carrying f at position >= first; returns the state
   // record as it stood right after that frame was decoded.
-  std::optional<ExchangeRecord> wait_for(int id, std::size_t first,
+  std::optional<ExchangeRecord> wait_for(kalo::Field f, std::size_t first,
                                          std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
     std::optional<ExchangeRecord> out;
     cv_.wait_for(lock, timeout, [&] {
-      auto it = snapshots_.find(id);
+      auto it = snapshots_.find(kalo::id(f));
       if (it == snapshots_.end())
         return false;
       for (const auto &[index, record] : it->second)
@@ -226,8 +230,12 @@ private:
     }
   }
   static bool every_frame(int id) {
-    return id == 1 || id == 14 || id == 15 || id == 21 || id == 22 || id == 39 || id == 51 ||
-           id == 54;
+    using F = kalo::Field;
+    for (F f : {F::time_stamp, F::position, F::speed, F::failure, F::buttons, F::physical_position,
+                F::physical_speed, F::alarm})
+      if (kalo::id(f) == id)
+        return true;
+    return false;
   }
 
   bool keep_ = true;

@@ -23,6 +23,7 @@ namespace readout_it {
 
 using namespace std::chrono_literals;
 
+using kalo::Field;
 using kalo_test::eventually;
 
 // The command type is the library's own memory of it; these calls only
@@ -85,7 +86,7 @@ protected:
     ASSERT_NE(ctx, nullptr) << "kaloOpen: " << kaloGetErrorMessage(kaloGlobalError);
     // Opening ends by telling the controller our version; that frame belongs
     // to the opening, not to the first test.
-    EXPECT_TRUE(sim->wait_for_frame_with(78, 1000ms).has_value());
+    EXPECT_TRUE(sim->wait_for_frame_with(Field::api_version, 1000ms).has_value());
     sim->wait_for_frames_sent(sim->stats().frames_sent + 5, 1000ms);
     (void)sim->take_received();
   }
@@ -118,14 +119,16 @@ protected:
     }
   }
 
-  // Waits until the library has sent every identifier of `wanted` (the time
-  // stamp 1 goes with every frame) and fails on any other. Returns the
-  // simulator's accumulated command record.
-  ExchangeRecord expect_sent(std::initializer_list<int> wanted,
+  // Waits until the library has sent every field of `wanted` (the time stamp
+  // goes with every frame) and fails on any other. Returns the simulator's
+  // accumulated command record.
+  ExchangeRecord expect_sent(std::initializer_list<Field> wanted,
                              std::chrono::milliseconds timeout = 2000ms) {
-    std::set<int> missing(wanted);
-    std::set<int> allowed(wanted);
-    allowed.insert(1);
+    std::set<int> missing, allowed{kalo::id(Field::time_stamp)};
+    for (Field f : wanted) {
+      missing.insert(kalo::id(f));
+      allowed.insert(kalo::id(f));
+    }
     const bool done = eventually(
         [&] {
           for (const auto &f : sim->take_received())

@@ -35,16 +35,16 @@ TEST_F(Driving, CommandTypesRoundTripThroughTheController) {
   const int mode_byte[8] = {0, -1, -1, 4, 9, 10, 1, 3};
   for (uint32_t type : {3u, 4u, 5u, 6u, 7u, 0u}) {
     set_type(type);
-    EXPECT_EQ(expect_sent({24}).command_type, mode_byte[type]);
+    EXPECT_EQ(expect_sent({Field::command_type}).command_type, mode_byte[type]);
     EXPECT_EQ(controller_type(), type);
-    expect_sent({20});
+    expect_sent({Field::request});
   }
   // Mode bytes without a command type of their own read as 0.
   for (double byte : {2.0, 5.0, 8.0, 11.0}) {
-    sim->put_field(24, {byte}, true);
+    sim->put_field(Field::command_type, {byte}, true);
     ASSERT_TRUE(sim->wait_for_frames_sent(sim->stats().frames_sent + 3, 1000ms));
     EXPECT_EQ(controller_type(), 0u) << "mode byte " << byte;
-    expect_sent({20});
+    expect_sent({Field::request});
   }
   sim->clear_fields();
   // Refusals send nothing (the fixture fails on any stray frame).
@@ -65,30 +65,30 @@ TEST_F(Driving, GainsComeBackFromTheController) {
   const float b[6] = {4, 5, 6, 0.4f, 0.5f, 0.6f};
   ASSERT_EQ(kaloSetSimulationStiffness(ctx, k), 0);
   ASSERT_EQ(kaloSetSimulationDamping(ctx, b), 0);
-  expect_sent({2, 3});
+  expect_sent({Field::simulation_stiffness, Field::simulation_damping});
   float back[6] = {};
   ASSERT_EQ(kaloGetSimulationStiffness(ctx, back), 0);
   EXPECT_EQ(0, std::memcmp(back, k, sizeof k));
   ASSERT_EQ(kaloGetSimulationDamping(ctx, back), 0);
   EXPECT_EQ(0, std::memcmp(back, b, sizeof b));
-  expect_sent({20});
+  expect_sent({Field::request});
 }
 
 TEST_F(Driving, CouplingTypesSwitchThePowerAndTheGuardCutsIt) {
   set_type(4);
-  expect_sent({24});
+  expect_sent({Field::command_type});
   ASSERT_EQ(kaloSetTimeStep(ctx, 0.01f), 0);
   // Opening detached every object: the first coupling set-point completes
   // that detach (and opens the set-point stream), the next one switches the
   // power on.
   ASSERT_EQ(kaloSetPosition(ctx, kIdentity), 0);
-  expect_sent({14, 61});
+  expect_sent({Field::position, Field::set_point_marker});
   ASSERT_EQ(kaloSetPosition(ctx, kIdentity), 0);
-  EXPECT_EQ(expect_sent({14, 25}).power_on, 1);
+  EXPECT_EQ(expect_sent({Field::position, Field::power_on}).power_on, 1);
   ASSERT_TRUE(eventually([] { return sim->device().power; }));
 
   ASSERT_EQ(kaloSetSpeed(ctx, kZero6), 0);
-  expect_sent({15, 25});
+  expect_sent({Field::speed, Field::power_on});
   const float runaway[6] = {5, 0, 0, 0, 0, 0};
   {
     CapturedOutput out(ctx);
@@ -96,7 +96,7 @@ TEST_F(Driving, CouplingTypesSwitchThePowerAndTheGuardCutsIt) {
     EXPECT_EQ(kaloGetErrorCode(ctx), 12);
     EXPECT_EQ(out.text().rfind("---- depassement Ec (vitesse de translation) ----\n", 0), 0u);
   }
-  EXPECT_EQ(expect_sent({25}).power_on, 0);
+  EXPECT_EQ(expect_sent({Field::power_on}).power_on, 0);
   ASSERT_TRUE(eventually([] { return !sim->device().power; }));
 
   // The power's return after the 10 s count is followed call by call in the
@@ -106,7 +106,7 @@ TEST_F(Driving, CouplingTypesSwitchThePowerAndTheGuardCutsIt) {
     for (int calls = 0; calls < 1100; ++calls)
       ASSERT_EQ(kaloSetSpeed(ctx, kZero6), 0);
   }
-  EXPECT_EQ(expect_sent({15, 25}).power_on, 1);
+  EXPECT_EQ(expect_sent({Field::speed, Field::power_on}).power_on, 1);
   ASSERT_EQ(kaloSetTimeStep(ctx, 0.1f), 0);
 }
 
@@ -117,7 +117,8 @@ TEST_F(Driving, AttachHandShakeForceAndDetach) {
   ASSERT_EQ(kaloSetPowerOn(ctx, 0), 0);
   ASSERT_EQ(kaloSetSimulationStiffness(ctx, kZero6), 0);
   ASSERT_EQ(kaloSetSimulationDamping(ctx, kZero6), 0);
-  expect_sent({2, 3, 24, 25});
+  expect_sent({Field::simulation_stiffness, Field::simulation_damping, Field::command_type,
+               Field::power_on});
   ASSERT_EQ(kaloSetTimeStep(ctx, 0.1f), 0);
   sim->set_pose({0, 0, 0, 0, 0, 0, 1});
   ASSERT_TRUE(eventually([] {
@@ -134,12 +135,12 @@ TEST_F(Driving, AttachHandShakeForceAndDetach) {
   int requests = 0;
   bool together = false;
   for (const auto &f : sim->take_received()) {
-    if (f.has(14)) {
-      together = f.has(11) && f.record.vo_attached == 1;
+    if (f.has(Field::position)) {
+      together = f.has(Field::vo_attached) && f.record.vo_attached == 1;
       EXPECT_EQ(requests, 1) << "the object goes out after the first round trip";
     }
-    if (f.has(20)) {
-      EXPECT_EQ(f.record.request, 2) << "stiffness round trips";
+    if (f.has(Field::request)) {
+      EXPECT_EQ(f.record.request, kalo::id(Field::simulation_stiffness)) << "stiffness round trips";
       ++requests;
     }
   }
@@ -154,52 +155,54 @@ TEST_F(Driving, AttachHandShakeForceAndDetach) {
   EXPECT_NEAR(w[2], 0.0f, 0.005f);
 
   ASSERT_EQ(kaloDetachVO(ctx), 0);
-  ExchangeRecord r = expect_sent({2, 3, 11, 20});
+  ExchangeRecord r = expect_sent(
+      {Field::simulation_stiffness, Field::simulation_damping, Field::vo_attached, Field::request});
   EXPECT_EQ(r.vo_attached, 0);
   for (int j = 0; j < 6; ++j) {
     EXPECT_EQ(r.simulation_stiffness[j], 0.0f);
     EXPECT_EQ(r.simulation_damping[j], 0.0f);
   }
   ASSERT_EQ(kaloSetPosition(ctx, kIdentity), 0);
-  expect_sent({14});
+  expect_sent({Field::position});
   ASSERT_EQ(kaloGetCatchFrame(ctx, w), 0);
   EXPECT_EQ(w[0], 0.0f) << "the detach reset the object displacement";
 }
 
 TEST_F(Driving, CommandTypeFiveSendsTheGainsAndTheAcknowledgedOnesAreKept) {
   set_type(5);
-  expect_sent({24});
+  expect_sent({Field::command_type});
   const float k[6] = {1, 2, 3, 40, 50, 60}; // rotation first
   const float b[6] = {0.1f, 0.2f, 0.3f, 4, 5, 6};
   ASSERT_EQ(kaloAttachQSVO(ctx, k, b), 0);
-  ExchangeRecord r = expect_sent({2, 3});
+  ExchangeRecord r = expect_sent({Field::simulation_stiffness, Field::simulation_damping});
   EXPECT_EQ(r.simulation_stiffness[0], 40.0f);
   EXPECT_EQ(r.simulation_stiffness[3], 1.0f);
   EXPECT_EQ(r.simulation_damping[5], 0.3f);
   ASSERT_EQ(kaloSetPosition(ctx, kIdentity), 0);
-  expect_sent({11, 14, 20});
+  expect_sent({Field::vo_attached, Field::position, Field::request});
   // The object is on the handle: the first force query sends the gains once
   // more and keeps what the controller acknowledges.
   float w[6];
   ASSERT_EQ(kaloGetForce(ctx, w), 0);
-  r = expect_sent({2, 3, 20});
+  r = expect_sent({Field::simulation_stiffness, Field::simulation_damping, Field::request});
   EXPECT_EQ(r.simulation_stiffness[1], 50.0f);
   ASSERT_EQ(kaloGetForce(ctx, w), 0);
   ASSERT_EQ(kaloDetachVO(ctx), 0);
-  expect_sent({2, 3, 11, 20});
+  expect_sent(
+      {Field::simulation_stiffness, Field::simulation_damping, Field::vo_attached, Field::request});
   ASSERT_EQ(kaloSetPosition(ctx, kIdentity), 0);
-  expect_sent({14});
+  expect_sent({Field::position});
   set_type(0);
-  expect_sent({24});
+  expect_sent({Field::command_type});
 }
 
 TEST_F(Driving, SpeedFactorIsSmoothedOutsideCommandTypeThree) {
   set_type(6);
-  expect_sent({24});
+  expect_sent({Field::command_type});
   ASSERT_EQ(kaloSetSpeedFactor(ctx, 0.5f), 0); // nothing sent yet
   ASSERT_TRUE(sim->wait_for_frames_sent(sim->stats().frames_sent + 50, 1000ms));
   ASSERT_EQ(kaloSetPosition(ctx, kIdentity), 0);
-  const float sent = expect_sent({4, 14}).speed_factor;
+  const float sent = expect_sent({Field::speed_factor, Field::position}).speed_factor;
   EXPECT_LT(sent, 1.0f);
   EXPECT_GT(sent, 0.5f);
   float target = 0;
@@ -258,7 +261,7 @@ TEST(NonFiniteSetPoint, ClosesTheConnectionAndNeverReachesTheWire) {
     // ever carried a non-finite set-point.
     std::vector<kalo::sim::ReceivedFrame> frames = sim.take_received();
     ASSERT_FALSE(frames.empty());
-    EXPECT_TRUE(frames.back().has(37)) << c.call;
+    EXPECT_TRUE(frames.back().has(Field::close_request)) << c.call;
     for (const auto &f : frames) {
       const ExchangeRecord &r = f.record;
       for (float x : r.force)

@@ -15,15 +15,17 @@ using namespace core_test;
 
 constexpr int kThreads = 4;
 // One integer command field per thread.
-constexpr std::array<int, kThreads> kFields = {77, 79, 86, 87};
+constexpr std::array<Field, kThreads> kFields = {Field::force_feedback_enabled,
+                                                 Field::force_shift_button,
+                                                 Field::gripper_command_type, Field::outputs};
 
-int32_t &member_of(ExchangeRecord &r, int field) {
+int32_t &member_of(ExchangeRecord &r, Field field) {
   switch (field) {
-  case 77:
+  case Field::force_feedback_enabled:
     return r.force_feedback_enabled;
-  case 79:
+  case Field::force_shift_button:
     return r.force_shift_button;
-  case 86:
+  case Field::gripper_command_type:
     return r.gripper_command_type;
   default:
     return r.outputs;
@@ -37,7 +39,8 @@ struct LoopWork {
     auto *w = static_cast<LoopWork *>(self);
     if (kaloGetRobotNumberOfControlPoints(ctx) != 0 || kaloGetNumberOfAxes(ctx) != 0)
       w->failures++;
-    mark(ctx, 50, [](ExchangeRecord &r) { r.control_connection_disabled = 0; });
+    mark(ctx, Field::control_connection_disabled,
+         [](ExchangeRecord &r) { r.control_connection_disabled = 0; });
     w->calls++;
   }
 };
@@ -103,14 +106,14 @@ TEST(CoreConcurrency, FourThreadsAndTheLoopForTenSeconds) {
       if (!f.has(kFields[t]))
         continue;
       const int32_t v = member_of(f.record, kFields[t]);
-      EXPECT_GT(v, seen[t]) << "field " << kFields[t] << " went back";
+      EXPECT_GT(v, seen[t]) << "thread " << t << "'s field went back";
       seen[t] = v;
       carried[t]++;
     }
   }
   for (int t = 0; t < kThreads; ++t) {
-    EXPECT_EQ(seen[t], last_written[t]) << "field " << kFields[t];
-    EXPECT_GT(carried[t], 1000) << "field " << kFields[t];
+    EXPECT_EQ(seen[t], last_written[t]) << "thread " << t;
+    EXPECT_GT(carried[t], 1000) << "thread " << t;
   }
 }
 

@@ -27,7 +27,7 @@ TEST(CoreConnection, ThreeSpellingsOfOneHostOpenWithTheGivenPorts) {
     EXPECT_EQ(ntohs(frames.front().from.sin_port), local) << spelling;
     EXPECT_EQ(kaloClose(ctx), 0);
     // The closing request reached the controller.
-    EXPECT_TRUE(sim.wait_for_frame_with(37, 1000ms).has_value()) << spelling;
+    EXPECT_TRUE(sim.wait_for_frame_with(Field::close_request, 1000ms).has_value()) << spelling;
   }
 }
 

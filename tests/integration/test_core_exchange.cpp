@@ -33,6 +33,10 @@ std::vector<int> wire_order(const std::vector<uint8_t> &payload) {
   return ids;
 }
 
+bool asks(const kalo::sim::ReceivedFrame &f, Field wanted) {
+  return f.has(Field::request) && f.record.request == kalo::id(wanted);
+}
+
 int32_t big_endian_int(const uint8_t *p) {
   return static_cast<int32_t>((uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) |
                               (uint32_t{p[2]} << 8) | p[3]);
@@ -80,16 +84,16 @@ std::vector<kalo::sim::ReceivedFrame> *CoreExchange::opening_frames_ = nullptr;
 TEST_F(CoreExchange, HelloFirstThenTheHandshakeAsksVersionAndSpeedsAndSendsOurVersion) {
   ASSERT_FALSE(opening_frames_->empty());
   const auto &first = opening_frames_->front();
-  EXPECT_EQ(first.ids, (std::vector<int>{1, 44}));
+  EXPECT_EQ(first.ids, (std::vector<int>{kalo::id(Field::time_stamp), kalo::id(Field::hello)}));
   ASSERT_EQ(first.payload.size(), 6u);
-  EXPECT_EQ(first.payload[0], 44); // descending order: the hello first
+  EXPECT_EQ(first.payload[0], kalo::id(Field::hello)); // descending order: the hello first
   bool asked_version = false, asked_speeds = false, sent_version = false;
   for (const auto &f : *opening_frames_) {
-    if (f.has(20) && f.record.request == 38)
+    if (asks(f, Field::controller_version))
       asked_version = true;
-    if (f.has(20) && f.record.request == 56)
+    if (asks(f, Field::max_speed))
       asked_speeds = true;
-    if (f.has(78)) {
+    if (f.has(Field::api_version)) {
       sent_version = true;
       EXPECT_EQ(f.record.api_version[0], 4);
       EXPECT_EQ(f.record.api_version[1], 4);
@@ -110,15 +114,16 @@ TEST_F(CoreExchange, CommandFramesAnswerStateFramesInDescendingOrderAndMarksColl
   sim().pause();
   std::this_thread::sleep_for(20ms);
   sim().take_received();
-  mark(ctx, 11, [](ExchangeRecord &r) { r.vo_attached = 0; });
-  mark(ctx, 87, [](ExchangeRecord &r) { r.outputs = 1; });
-  mark(ctx, 50, [](ExchangeRecord &r) { r.control_connection_disabled = 0; });
-  mark(ctx, 87, [](ExchangeRecord &r) { r.outputs = 2; }); // the later value wins
+  mark(ctx, Field::vo_attached, [](ExchangeRecord &r) { r.vo_attached = 0; });
+  mark(ctx, Field::outputs, [](ExchangeRecord &r) { r.outputs = 1; });
+  mark(ctx, Field::control_connection_disabled,
+       [](ExchangeRecord &r) { r.control_connection_disabled = 0; });
+  mark(ctx, Field::outputs, [](ExchangeRecord &r) { r.outputs = 2; }); // the later value wins
   const uint32_t marked_at = static_cast<uint32_t>(getTime(ctx));
   std::this_thread::sleep_for(150ms);
   EXPECT_EQ(sim().received_count(), 0u); // marked, but no state frame to answer
   sim().resume();
-  const auto f = sim().wait_for_frame_with(87, 1000ms);
+  const auto f = sim().wait_for_frame_with(Field::outputs, 1000ms);
   ASSERT_TRUE(f.has_value());
   EXPECT_EQ(wire_order(f->payload), (std::vector<int>{87, 50, 11, 1}));
   EXPECT_EQ(f->record.outputs, 2);
@@ -132,17 +137,17 @@ TEST_F(CoreExchange, QueriesAreAnsweredByTheController) {
   ASSERT_EQ(kaloGetControlerVersion(ctx, &major, &minor), 0);
   EXPECT_EQ(major, 6);
   EXPECT_EQ(minor, 0);
-  const auto asked = sim().wait_for_frame_with(20, 500ms);
+  const auto asked = sim().wait_for_frame_with(Field::request, 500ms);
   ASSERT_TRUE(asked.has_value());
-  EXPECT_EQ(asked->record.request, 38);
+  EXPECT_EQ(asked->record.request, kalo::id(Field::controller_version));
 
   int32_t type = -1, serial = -1;
   ASSERT_EQ(kaloGetDeviceID(ctx, &type, &serial), 0); // 6.0 passes the gate above 5.4
   EXPECT_EQ(type, 7);
   EXPECT_EQ(serial, 1234);
-  const auto asked_id = sim().wait_for_frame_with(20, 500ms);
+  const auto asked_id = sim().wait_for_frame_with(Field::request, 500ms);
   ASSERT_TRUE(asked_id.has_value());
-  EXPECT_EQ(asked_id->record.request, 88);
+  EXPECT_EQ(asked_id->record.request, kalo::id(Field::device_id));
 }
 
 TEST_F(CoreExchange, AQueryWithoutReplyTimesOutWithCode6AndTheNextOneWorks) {
@@ -166,11 +171,11 @@ TEST_F(CoreExchange, DisablingTheControlConnectionIsSentAndConfirmedByARoundTrip
     std::this_thread::sleep_for(20ms);
     bool flag_sent = false, stiffness_asked = false;
     for (const auto &f : sim().take_received()) {
-      if (f.has(50)) {
+      if (f.has(Field::control_connection_disabled)) {
         flag_sent = true;
         EXPECT_EQ(f.record.control_connection_disabled, disabled);
       }
-      stiffness_asked |= f.has(20) && f.record.request == 2;
+      stiffness_asked |= asks(f, Field::simulation_stiffness);
     }
     EXPECT_TRUE(flag_sent);
     EXPECT_TRUE(stiffness_asked);
@@ -197,9 +202,9 @@ TEST_F(CoreExchange, CountsAreTakenFromTheController) {
 }
 
 TEST_F(CoreExchange, UpperBoundAndTrajectorySampleWakeTheirWaiters) {
-  sim().put_field(49, {});
+  sim().put_field(Field::vm_wait_upper_bound, {});
   EXPECT_TRUE(posted_within(ctx->upper_bound_sem, 1000ms));
-  sim().put_field(29, {3, 0.1, 0.2, 0.3, 0, 0, 0, 1});
+  sim().put_field(Field::traj_sample, {3, 0.1, 0.2, 0.3, 0, 0, 0, 1});
   EXPECT_TRUE(posted_within(ctx->traj_sample_sem, 1000ms));
   kalo::ContextLock hold(ctx);
   EXPECT_FLOAT_EQ(ctx->state_record.traj_samples[3][1], 0.2f);
@@ -226,7 +231,7 @@ TEST_F(CoreExchange, ThePointerFieldActivatesAndDeactivatesTheEmulation) {
     ctx->mouse_words[0] = 5;
     ctx->mouse_words[1] = 5;
   }
-  sim().put_field(60, {1, 0.25, 0.5, 0, 0});
+  sim().put_field(Field::mouse_state, {1, 0.25, 0.5, 0, 0});
   ASSERT_TRUE(eventually([&] {
     kalo::ContextLock hold(ctx);
     return ctx->mouse_previous_state == 1;
@@ -236,7 +241,7 @@ TEST_F(CoreExchange, ThePointerFieldActivatesAndDeactivatesTheEmulation) {
     EXPECT_EQ(ctx->mouse_words[0], -1); // activation forgot the tracking
     ctx->mouse_words[0] = 5;
   }
-  sim().put_field(60, {0, 0, 0, 0, 0});
+  sim().put_field(Field::mouse_state, {0, 0, 0, 0, 0});
   ASSERT_TRUE(eventually([&] {
     kalo::ContextLock hold(ctx);
     return ctx->mouse_previous_state == 0;
@@ -276,8 +281,8 @@ TEST(CoreHandshake, AVersion2ControllerNeverReceivesOurVersion) {
   EXPECT_EQ(kaloGetErrorCode(link.ctx), 0); // nothing recorded by the open or the gate
   std::this_thread::sleep_for(50ms);
   for (const auto &f : link.sim.take_received()) {
-    EXPECT_FALSE(f.has(78));
-    EXPECT_FALSE(f.has(20) && f.record.request == 88);
+    EXPECT_FALSE(f.has(Field::api_version));
+    EXPECT_FALSE(asks(f, Field::device_id));
   }
 }
 

@@ -90,7 +90,7 @@ TEST(CoreLifetime, AFailedSendDisconnectsAndTheApplicationsCloseReleasesEverythi
   ASSERT_TRUE(link.open()) << kaloGlobalError;
   // From now on every send of the library fails (EPIPE); receiving goes on.
   shutdown(link.ctx->session, SHUT_WR);
-  mark(link.ctx, 87, [](ExchangeRecord &r) { r.outputs = 1; });
+  mark(link.ctx, Field::outputs, [](ExchangeRecord &r) { r.outputs = 1; });
   ASSERT_TRUE(eventually([&] { return link.ctx->connected.load() == 0; }, 1000ms));
   EXPECT_EQ(kaloGetRobotNumberOfControlPoints(link.ctx), -1);
   EXPECT_EQ(kaloGetErrorCode(link.ctx), KALO_ERROR_COMMUNICATION);

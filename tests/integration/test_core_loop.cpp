@@ -117,7 +117,7 @@ TEST(CoreLoop, ThePeriodicFunctionMayCloseItsOwnConnection) {
   ASSERT_EQ(kaloStartLoop(ctx), 0);
   ASSERT_TRUE(eventually([&] { return closer.done.load(); }, 5000ms));
   EXPECT_EQ(closer.result.load(), 0);
-  EXPECT_TRUE(sim.wait_for_frame_with(37, 1000ms).has_value());
+  EXPECT_TRUE(sim.wait_for_frame_with(Field::close_request, 1000ms).has_value());
   sim.stop();
   // Both the exchange thread and the loop thread are gone.
   EXPECT_TRUE(eventually([&] { return thread_count() == threads_before; }, 1000ms));

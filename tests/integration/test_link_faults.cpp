@@ -103,7 +103,7 @@ TEST(LinkFaults, HostileDatagramsCorruptNothingFromAnySender) {
       // A per-point command still fits its frame and reaches the controller.
       link.sim.take_received();
       EXPECT_EQ(kaloSetTexture(ctx, pose, &intensity, 0), 0);
-      EXPECT_TRUE(link.sim.wait_for_frame_with(17, 1000ms));
+      EXPECT_TRUE(link.sim.wait_for_frame_with(Field::texture, 1000ms));
       EXPECT_EQ(ctx->link_counters.frames_dropped_for_size.load(), 0u);
       // And the stream goes on.
       x += 0.01f;

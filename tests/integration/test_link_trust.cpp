@@ -25,8 +25,8 @@ std::vector<unsigned char> spoofed_state_frame() {
   r->failure = 0x5555;
   r->controller_version[0] = 99;
   r->controller_version[1] = 9;
-  for (int id : {14, 21, 22, 38})
-    r->field_changed[id] = 1;
+  for (Field f : {Field::position, Field::failure, Field::buttons, Field::controller_version})
+    kalo::post_field(*r, f);
   unsigned char payload[kalo::kFrameCapacity];
   const uint32_t n = encode_decode(kalo::kModeEncode, r.get(), payload, sizeof payload);
   std::vector<unsigned char> datagram(n + kalo::kEnvelopeOverhead);

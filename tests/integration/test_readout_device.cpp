@@ -110,7 +110,7 @@ TEST_F(Readout, JointReadersFollowTheAxisCountTakenFromTheController) {
   // with its own count: a wrong length would garble the rest of the frame.
   const uint64_t malformed = sim->stats().malformed;
   EXPECT_EQ(kaloSetArticularPosition(ctx, q), 0);
-  const ExchangeRecord sent = expect_sent({70});
+  const ExchangeRecord sent = expect_sent({Field::articular_position});
   EXPECT_EQ(0, std::memcmp(sent.articular_position, q, sizeof q));
   EXPECT_EQ(sim->stats().malformed, malformed);
 

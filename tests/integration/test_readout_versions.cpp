@@ -26,7 +26,7 @@ struct Controller {
         "udpxdr://127.0.0.1:" + std::to_string(kLocal) + "#" + std::to_string(kRemote);
     ctx = kaloOpen(url.c_str());
     EXPECT_NE(ctx, nullptr);
-    EXPECT_TRUE(sim.wait_for_frame_with(78, 1000ms).has_value());
+    EXPECT_TRUE(sim.wait_for_frame_with(Field::api_version, 1000ms).has_value());
     (void)sim.take_received();
   }
   ~Controller() {
@@ -47,7 +47,7 @@ struct Controller {
     sim.wait_for_frames_sent(sim.stats().frames_sent + 10, 1000ms);
     for (const auto &f : sim.take_received())
       ids.insert(f.ids.begin(), f.ids.end());
-    ids.erase(1);
+    ids.erase(kalo::id(Field::time_stamp));
     return ids;
   }
 };
@@ -64,7 +64,7 @@ TEST(TextureForce, FiniteWrenchIsSentAndANonFiniteOneClosesTheConnection) {
 
   assume_command_type(dev.ctx, 4);
   EXPECT_EQ(kaloSetTextureForce(dev.ctx, wrench), 0);
-  EXPECT_EQ(dev.sent_soon(), std::set<int>{18});
+  EXPECT_EQ(dev.sent_soon(), std::set<int>{kalo::id(Field::texture_force)});
   EXPECT_EQ(dev.sim.last_command().texture_force[1], -2.0f);
 
   const float runaway[6] = {0, 0, NAN, 0, 0, 0};
@@ -72,5 +72,6 @@ TEST(TextureForce, FiniteWrenchIsSentAndANonFiniteOneClosesTheConnection) {
   EXPECT_EQ(kaloSetTextureForce(dev.ctx, runaway), -1);
   EXPECT_EQ(kaloGlobalError, 9);
   dev.ctx = nullptr; // released by the close
-  EXPECT_TRUE(dev.sim.wait_for_frame_with(37, 1000ms).has_value()) << "the controller was told";
+  EXPECT_TRUE(dev.sim.wait_for_frame_with(Field::close_request, 1000ms).has_value())
+      << "the controller was told";
 }

@@ -121,7 +121,7 @@ TEST(CallFrame, QueryPostsTheRequestAndCopiesTheReply) {
     for (;;) {
       {
         kalo::ContextLock hold(f.get());
-        if (f.ctx->command_record.field_changed[20]) {
+        if (kalo::carries(f.ctx->command_record, kalo::Field::request)) {
           EXPECT_EQ(f.ctx->command_record.request, 38);
           f.ctx->state_record.controller_version[0] = 6;
           break;

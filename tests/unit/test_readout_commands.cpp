@@ -195,7 +195,7 @@ TEST(VirtualMechanism, UpperBoundWaitChecksTypeThenActivityThenBlocksUntilAnswer
   // The request goes out while the waiter blocks without the lock.
   for (;;) {
     kalo::ContextLock hold(f.get());
-    if (f->command_record.field_changed[49] != 0)
+    if (kalo::carries(f->command_record, kalo::Field::vm_wait_upper_bound))
       break;
   }
   EXPECT_EQ(result.load(), -2);
@@ -210,7 +210,7 @@ TEST(VirtualMechanism, BaseFrameIsAskedForAndCopiedFromTheReply) {
   std::thread controller([&] {
     for (;;) {
       kalo::ContextLock hold(f.get());
-      if (f->command_record.field_changed[20] != 0) {
+      if (kalo::carries(f->command_record, kalo::Field::request)) {
         EXPECT_EQ(f->command_record.request, 32);
         std::memcpy(f->state_record.vm_base_frame, answer, sizeof answer);
         TR_poster_semaphore(f->reply_sem);
