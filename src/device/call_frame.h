@@ -10,6 +10,7 @@
 #include "device/events.h"
 #include "device/live_contexts.h"
 #include "kalo/kalo.h"
+#include "realtime/timed_wait.h"
 
 namespace kalo {
 
@@ -161,8 +162,6 @@ int each_set_point(KaloContext *ctx, const float *values, int stride, int32_t po
 
 } // namespace kalo
 
-#include <cerrno>
-#include <ctime>
 #include <mutex>
 
 namespace kalo {
@@ -203,24 +202,6 @@ private:
   KaloContext *ctx_;
 };
 
-// Waits for a post of s for at most ms milliseconds; false on time-out.
-inline bool timed_wait(TR_SEMAPHORE *s, int ms) {
-  timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += ms / 1000;
-  deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec++;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  for (;;) {
-    if (sem_timedwait(&s->u.semaphore, &deadline) == 0)
-      return true;
-    if (errno != EINTR)
-      return false;
-  }
-}
-
 // The query frame: asks the controller for a field it sends only on demand
 // (item 20 carrying the wanted identifier), waits for the reply outside the
 // lock, then copies it from the state record under the lock.
@@ -239,12 +220,11 @@ template <class Copy> int query_call(KaloContext *ctx, Field wanted, Copy &&copy
   {
     ContextLock hold(ctx);
     // A reply that arrived after an earlier query gave up must not answer this one.
-    while (sem_trywait(&ctx->reply_sem->u.semaphore) == 0) {
-    }
+    drain(ctx->reply_sem);
     ctx->command_record.request = static_cast<int16_t>(id(wanted));
     post_field(ctx->command_record, Field::request);
   }
-  const bool answered = timed_wait(ctx->reply_sem, kReplyTimeoutMs);
+  const bool answered = wait_posted(ctx->reply_sem, kReplyTimeoutMs);
   if (guard.cancelled())
     return -1;
   if (!answered) {

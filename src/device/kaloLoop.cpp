@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <pthread.h>
-#include <semaphore.h>
 
 #include "device/call_frame.h"
 #include "device/context.h"
@@ -23,6 +22,7 @@
 #include "device/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
+#include "realtime/timed_wait.h"
 
 namespace {
 
@@ -129,8 +129,7 @@ int32_t kaloStartLoop(KaloContext *context) {
         ctx->loop_task_finishing = nullptr;
       } else {
         // Ticks left over from an earlier loop must not fire the new one at once.
-        while (sem_trywait(&ctx->loop_sem->u.semaphore) == 0) {
-        }
+        kalo::drain(ctx->loop_sem);
         // The new thread reads its own handle under the lock held here, so it
         // sees the identifier that the creation stores.
         ctx->loop_task =

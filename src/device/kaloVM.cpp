@@ -8,6 +8,7 @@
 #include "device/call_frame.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
+#include "realtime/timed_wait.h"
 
 namespace {
 
@@ -171,8 +172,7 @@ int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count) {
     c.state_record.traj_sample_count = count;
     c.traj_requested = count;
     c.state_record.list_index = 0;
-    while (TR_tester_semaphore(c.traj_sample_sem) == 0) {
-    }
+    kalo::drain(c.traj_sample_sem);
     kalo::post_field(c.command_record, kalo::Field::traj_sample_count);
     return 0;
   });
@@ -203,10 +203,10 @@ int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples) {
 
   // The exchange thread signals each frame that carried a sample.
   if (received < count) {
-    if (!kalo::timed_wait(context->traj_sample_sem, kFirstSampleTimeoutMs) || guard.cancelled())
+    if (!kalo::wait_posted(context->traj_sample_sem, kFirstSampleTimeoutMs) || guard.cancelled())
       return -1;
     for (int32_t i = 1; i < count && context->waits_cancelled.load() == 0; ++i)
-      if (!kalo::timed_wait(context->traj_sample_sem, kNextSampleTimeoutMs))
+      if (!kalo::wait_posted(context->traj_sample_sem, kNextSampleTimeoutMs))
         break;
     if (guard.cancelled())
       return -1;
