@@ -16,7 +16,7 @@
 #include <memory>
 
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_signal.h"
 #include "ratio_report.h"

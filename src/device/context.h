@@ -20,7 +20,7 @@
 #include "protocol/link_counters.h"
 #include "device/telemetry.h"
 
-struct ServoPoint; // per-control-point servo state (device/servo_point.h)
+struct ServoPoint; // per-control-point servo state (servo/servo_point.h)
 struct TSIG_FILTRE;
 
 namespace kalo {

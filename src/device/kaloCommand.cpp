@@ -13,7 +13,7 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"

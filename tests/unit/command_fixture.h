@@ -9,7 +9,7 @@
 
 #include <cstdlib>
 
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_math.h"
 #include "kalo/kalo_signal.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_signal.h"
 

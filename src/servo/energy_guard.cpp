@@ -10,9 +10,9 @@
 #include <cstdio>
 
 #include "device/context.h"
-#include "device/depl_copy.h"
+#include "servo/depl_copy.h"
 #include "device/events.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 
 namespace {
