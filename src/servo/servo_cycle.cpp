@@ -25,10 +25,11 @@ namespace fx = kalo::fixed;
 
 // The device pose of a point in the received state record.
 const float *state_pose(const KaloContext *ctx, int32_t point) {
-  constexpr int32_t room = static_cast<int32_t>(sizeof(ctx->state_record.position) / sizeof(float));
+  constexpr int32_t room =
+      static_cast<int32_t>(sizeof(ctx->link.state_record.position) / sizeof(float));
   const int32_t offset = 7 * point;
-  return offset >= 0 && offset + 7 <= room ? ctx->state_record.position + offset
-                                           : ctx->state_record.position;
+  return offset >= 0 && offset + 7 <= room ? ctx->link.state_record.position + offset
+                                           : ctx->link.state_record.position;
 }
 
 // X_dev from 7 floats (normalised) and its inverse X_dev_inv.
@@ -88,14 +89,14 @@ int32_t test_deplacement_valide(const float *pose) {
 }
 
 int32_t lecture_position(KaloContext *ctx, const float *pose, int32_t point) {
-  set_device_pose(ctx->servo[point], pose);
+  set_device_pose(ctx->servo.points[point], pose);
   return 0;
 }
 
 // The adjoint members are left alone here: every path that needs an adjoint
 // computes it on the stack.
 int32_t ecriture_position(KaloContext *ctx, const float *pose, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   const fx::Pose x = normalised_pose(pose);
   fx::store(x, p.X_obj);
   fx::store(fx::inverse_unit(x), p.X_obj_inv);
@@ -106,7 +107,7 @@ int32_t ecriture_position(KaloContext *ctx, const float *pose, int32_t point) {
 // to the reference origin: the adjoint of X_dev's inverse then the rotation
 // by X_dev, which together leave w and give v - t x w.
 int32_t lecture_vitesse(KaloContext *ctx, const float *in, float *out, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   const fx::V3 v = fx::load_float(in), w = fx::load_float(in + 3);
   fx::store(v, p.V_dev_in->vtrans);
   fx::store(w, p.V_dev_in->vrot);
@@ -122,7 +123,7 @@ int32_t lecture_vitesse(KaloContext *ctx, const float *in, float *out, int32_t p
 // The object twist from the application: projection by X_obj's inverse then
 // the adjoint of X_obj, which together leave w and give v + t x w.
 int32_t ecriture_vitesse(KaloContext *ctx, const float *in, float *out, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   const fx::V3 v = fx::load_float(in), w = fx::load_float(in + 3);
   fx::store(v, p.V_obj_in->vtrans);
   fx::store(w, p.V_obj_in->vrot);
@@ -136,7 +137,7 @@ int32_t ecriture_vitesse(KaloContext *ctx, const float *in, float *out, int32_t 
 }
 
 int32_t ecriture_force(KaloContext *ctx, const float *in, float *out, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   store({fx::load_float(in + 3), fx::load_float(in)}, p.W_consigne);
   set_device_pose(p, state_pose(ctx, point));
   wrench_to_point(fx::load(p.X_dev->trans), in, p.W_dev, out);
@@ -144,7 +145,7 @@ int32_t ecriture_force(KaloContext *ctx, const float *in, float *out, int32_t po
 }
 
 int32_t ecriture_texture_force(KaloContext *ctx, const float *in, float *out, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   store({fx::load_float(in + 3), fx::load_float(in)}, p.W_texture_in);
   const fx::Pose x = fx::load(p.X_obj);
   fx::store(fx::inverse_unit(x), p.X_obj_inv);
@@ -154,7 +155,7 @@ int32_t ecriture_texture_force(KaloContext *ctx, const float *in, float *out, in
 }
 
 int32_t erreur_position(KaloContext *ctx, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   return DEPL_comparer(p.X_obj, p.X_dev, p.dt, p.dr, 0.002, 0.02);
 }
 
@@ -163,7 +164,7 @@ int32_t erreur_position(KaloContext *ctx, int32_t point) {
 // application. The speed error at the object is the inverse adjoint of X_obj
 // applied to V_err: (R^T (v - t x w), R^T w).
 int32_t calcul_asserv(KaloContext *ctx, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   const fx::Pose x_obj = fx::load(p.X_obj);
   const fx::Pose h_rel = fx::inv_compose_unit(fx::load(p.X_dev), x_obj);
   fx::store(h_rel, p.H_rel);
@@ -212,7 +213,7 @@ int32_t calcul_asserv(KaloContext *ctx, int32_t point) {
 }
 
 int32_t copie_force(KaloContext *ctx, float *out, int32_t point) {
-  TORS_vider_effort_float(ctx->servo[point].W_consigne, out);
+  TORS_vider_effort_float(ctx->servo.points[point].W_consigne, out);
   return 0;
 }
 

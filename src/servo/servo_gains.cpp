@@ -22,8 +22,8 @@ void print_gains(FILE *out, const MATD *k, const MATD *b) {
 extern "C" {
 
 int32_t calcul_gains(KaloContext *ctx, const float *inertia, int32_t point, float mass) {
-  ServoPoint &p = ctx->servo[point];
-  const float dt_f = ctx->time_step;
+  ServoPoint &p = ctx->servo.points[point];
+  const float dt_f = ctx->params.time_step;
   const float dt2_f = dt_f * dt_f; // squared in single precision, then widened
   const double dt2 = static_cast<double>(dt2_f);
   const double dt = static_cast<double>(dt_f);
@@ -39,8 +39,8 @@ int32_t calcul_gains(KaloContext *ctx, const float *inertia, int32_t point, floa
     k[i * 7] = ii * 0.12 / dt2;
     b[i * 7] = ii * 0.9 / dt;
   }
-  if ((ctx->debug_flags & 1u) != 0 && ctx->output_stream != nullptr) {
-    FILE *out = ctx->output_stream;
+  if ((ctx->params.debug_flags & 1u) != 0 && ctx->params.output_stream != nullptr) {
+    FILE *out = ctx->params.output_stream;
     std::fprintf(out, "--------- object n %d ---------\n", point);
     std::fprintf(out, "mass = %g\n", m);
     std::fprintf(out, "inertia = [[%g, %g, %g],[%g, %g, %g],[%g, %g, %g]]\n",
@@ -58,7 +58,7 @@ int32_t calcul_gains(KaloContext *ctx, const float *inertia, int32_t point, floa
 }
 
 int32_t lecture_gains(KaloContext *ctx, float *k, float *b, int32_t point) {
-  const ServoPoint &p = ctx->servo[point];
+  const ServoPoint &p = ctx->servo.points[point];
   for (int i = 0; i < 3; ++i) {
     k[i] = static_cast<float>(p.K->donnees[(i + 3) * 7]);
     k[i + 3] = static_cast<float>(p.K->donnees[i * 7]);
@@ -69,16 +69,16 @@ int32_t lecture_gains(KaloContext *ctx, float *k, float *b, int32_t point) {
 }
 
 int32_t ecriture_gains(KaloContext *ctx, const float *k, const float *b, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   for (int i = 0; i < 3; ++i) {
     p.K->donnees[i * 7] = static_cast<double>(k[i + 3]);
     p.K->donnees[(i + 3) * 7] = static_cast<double>(k[i]);
     p.B->donnees[i * 7] = static_cast<double>(b[i + 3]);
     p.B->donnees[(i + 3) * 7] = static_cast<double>(b[i]);
   }
-  if ((ctx->debug_flags & 1u) != 0 && ctx->output_stream != nullptr) {
-    std::fprintf(ctx->output_stream, "Gains effectivement utilises:\n");
-    print_gains(ctx->output_stream, p.K, p.B);
+  if ((ctx->params.debug_flags & 1u) != 0 && ctx->params.output_stream != nullptr) {
+    std::fprintf(ctx->params.output_stream, "Gains effectivement utilises:\n");
+    print_gains(ctx->params.output_stream, p.K, p.B);
   }
   return 0;
 }

@@ -88,38 +88,39 @@ void release_point(ServoPoint &p) {
 extern "C" {
 
 int32_t init_asserv(KaloContext *ctx) {
-  const int32_t n = ctx->servo_point_count > 0 ? ctx->servo_point_count : 0;
-  ctx->servo =
+  const int32_t n = ctx->servo.point_count > 0 ? ctx->servo.point_count : 0;
+  ctx->servo.points =
       n > 0 ? static_cast<ServoPoint *>(std::calloc(static_cast<size_t>(n), sizeof(ServoPoint)))
             : nullptr;
-  if (ctx->servo == nullptr)
+  if (ctx->servo.points == nullptr)
     return 0;
   for (int32_t i = 0; i < n; ++i)
-    create_point(ctx->servo[i]);
+    create_point(ctx->servo.points[i]);
   return 0;
 }
 
 int32_t close_asserv(KaloContext *ctx) {
-  if (ctx->servo == nullptr)
+  if (ctx->servo.points == nullptr)
     return 0;
-  for (int32_t i = 0; i < ctx->servo_point_count; ++i)
-    release_point(ctx->servo[i]);
-  std::free(ctx->servo);
-  ctx->servo = nullptr;
+  for (int32_t i = 0; i < ctx->servo.point_count; ++i)
+    release_point(ctx->servo.points[i]);
+  std::free(ctx->servo.points);
+  ctx->servo.points = nullptr;
   return 0;
 }
 
 int32_t init_filtres(KaloContext *ctx) {
-  MATD_copier(ctx->speed_factor_filtered, ctx->speed_factor_target);
+  MATD_copier(ctx->servo.speed_factor_filtered, ctx->servo.speed_factor_target);
   // A repeated call replaces the filter; the earlier one is released here so
   // that reopening the smoothing never leaks.
-  TSIG_FILTRE *previous = ctx->speed_factor_filter;
-  ctx->speed_factor_filter = TSIG_creer_filtre_1er_ordre(ctx->speed_factor_cutoff, 0.0009765625);
-  if (previous != nullptr && previous != ctx->speed_factor_filter)
+  TSIG_FILTRE *previous = ctx->servo.speed_factor_filter;
+  ctx->servo.speed_factor_filter =
+      TSIG_creer_filtre_1er_ordre(ctx->servo.speed_factor_cutoff, 0.0009765625);
+  if (previous != nullptr && previous != ctx->servo.speed_factor_filter)
     TSIG_filtre_detruire(previous);
-  if (ctx->speed_factor_filter != nullptr)
-    TSIG_filtre_reinitialiser(ctx->speed_factor_filter, ctx->speed_factor_target);
-  ctx->filter_disabled = 0;
+  if (ctx->servo.speed_factor_filter != nullptr)
+    TSIG_filtre_reinitialiser(ctx->servo.speed_factor_filter, ctx->servo.speed_factor_target);
+  ctx->servo.filter_disabled = 0;
   return 0;
 }
 

@@ -98,8 +98,8 @@ inline bool posted_within(TR_SEMAPHORE *s, std::chrono::milliseconds limit) {
 // Marks a command field as the calls do.
 template <class Write> void mark(KaloContext *ctx, int id, Write &&write) {
   kalo::ContextLock hold(ctx);
-  write(ctx->command_record);
-  kalo::post_field(ctx->command_record, static_cast<kalo::Field>(id));
+  write(ctx->link.command_record);
+  kalo::post_field(ctx->link.command_record, static_cast<kalo::Field>(id));
 }
 
 // Threads of this process.
