@@ -242,8 +242,8 @@ void BM_ExchangeRoundTrip(benchmark::State &state) {
     for (int i = 1; i <= kFrames; ++i) {
       {
         kalo::ContextLock hold(ctx);
-        ctx->command_record.outputs = i;
-        kalo::post_field(ctx->command_record, kMarkedField);
+        ctx->link.command_record.outputs = i;
+        kalo::post_field(ctx->link.command_record, kMarkedField);
       }
       const double t0 = now_us();
       controller.send_state();
@@ -281,15 +281,15 @@ BENCHMARK(BM_ExchangeRoundTrip)
 // histogram), on a context of its own with no link.
 void BM_TelemetryPerExchange(benchmark::State &state) {
   auto *ctx = new KaloContext();
-  kalo::post_field(ctx->state_record, kalo::Field::time_stamp);
+  kalo::post_field(ctx->link.state_record, kalo::Field::time_stamp);
   uint32_t stamp = 0;
   for (auto _ : state) {
     stamp += 1000;
-    ctx->state_record.time_stamp = static_cast<int32_t>(stamp);
+    ctx->link.state_record.time_stamp = static_cast<int32_t>(stamp);
     kalo::telemetry_state_frame(ctx);
     kalo::telemetry_cycle_end(ctx, true);
   }
-  benchmark::DoNotOptimize(ctx->telemetry.counts[kalo::kStateFrames].load());
+  benchmark::DoNotOptimize(ctx->link.telemetry.counts[kalo::kStateFrames].load());
   delete ctx;
 }
 BENCHMARK(BM_TelemetryPerExchange)->Unit(benchmark::kNanosecond);

@@ -151,7 +151,7 @@ std::atomic<int> g_count{0};
 void on_command_frame(Connection &c) {
   const uint32_t now = now_us32();
   c.reply.push_back(
-      static_cast<double>(now - static_cast<uint32_t>(c.ctx->state_record.time_stamp)));
+      static_cast<double>(now - static_cast<uint32_t>(c.ctx->link.state_record.time_stamp)));
   const uint64_t n = c.answered.load(std::memory_order_acquire);
   if (n != c.reported) {
     c.reported = n;
@@ -167,7 +167,7 @@ void coupling_step(KaloContext *ctx, void *data) {
   uint32_t stamp;
   {
     kalo::ContextLock hold(ctx);
-    stamp = static_cast<uint32_t>(ctx->state_record.time_stamp);
+    stamp = static_cast<uint32_t>(ctx->link.state_record.time_stamp);
   }
   const uint32_t start = now_us32();
   if (c.called && static_cast<double>(start - c.last_call) > 1.5 * kPeriodS * 1e6 &&

@@ -16,7 +16,7 @@
 #include <memory>
 
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_signal.h"
 #include "ratio_report.h"
@@ -28,17 +28,17 @@ using Vec6 = Eigen::Matrix<double, 6, 1>;
 struct Servo {
   std::unique_ptr<KaloContext> ctx = std::make_unique<KaloContext>();
   Servo() {
-    ctx->servo_point_count = 1;
-    ctx->control_point_count = 1;
-    ctx->time_step = 0.001f;
-    ctx->object_mass = 1.0;
-    ctx->object_inertia = MATD_identite(3);
+    ctx->servo.point_count = 1;
+    ctx->link.control_point_count = 1;
+    ctx->params.time_step = 0.001f;
+    ctx->servo.object_mass = 1.0;
+    ctx->servo.object_inertia = MATD_identite(3);
     init_asserv(ctx.get());
     const float k[6] = {1000, 2000, 3000, 10, 20, 30};
     const float b[6] = {5, 6, 7, 0.1f, 0.2f, 0.3f};
     ecriture_gains(ctx.get(), k, b, 0);
     for (int i = 0; i < 7; ++i)
-      ctx->state_record.position[i] = kDevice[i];
+      ctx->link.state_record.position[i] = kDevice[i];
     lecture_position(ctx.get(), kDevice, 0);
     ecriture_position(ctx.get(), kObject, 0);
     float out[6];
@@ -47,7 +47,7 @@ struct Servo {
   }
   ~Servo() {
     close_asserv(ctx.get());
-    MATD_detruire(ctx->object_inertia);
+    MATD_detruire(ctx->servo.object_inertia);
   }
   static constexpr float kDevice[7] = {0.1f, 0.2f, 0.3f, 0.0f, 0.0f, 0.0998334f, 0.9950042f};
   static constexpr float kObject[7] = {0.11f, 0.19f, 0.31f, 0.01f, 0.0f, 0.0998334f, 0.9949540f};
@@ -79,7 +79,7 @@ void BM_ServoCycle(benchmark::State &state) {
   Servo s;
   for (auto _ : state) {
     calcul_asserv(s.ctx.get(), 0);
-    benchmark::DoNotOptimize(s.ctx->servo[0].W_consigne->vecteur->donnees[0]);
+    benchmark::DoNotOptimize(s.ctx->servo.points[0].W_consigne->vecteur->donnees[0]);
   }
 }
 BENCHMARK(BM_ServoCycle);

@@ -10,6 +10,7 @@
 #include "device/events.h"
 #include "device/live_contexts.h"
 #include "kalo/kalo.h"
+#include "realtime/timed_wait.h"
 
 namespace kalo {
 
@@ -26,7 +27,7 @@ inline bool is_live(const KaloContext *ctx) {
 // The controller-version gate: the single-precision version, widened, must be
 // above the call's minimum. A null handle is left to the handle check.
 inline bool version_refused(const KaloContext *ctx, double minimum) {
-  return ctx != nullptr && !(static_cast<double>(ctx->controller_version) > minimum);
+  return ctx != nullptr && !(static_cast<double>(ctx->link.controller_version) > minimum);
 }
 
 // Holds the context's recursive lock for a scope.
@@ -47,7 +48,7 @@ inline bool enter(KaloContext *ctx) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return false;
   }
-  if (ctx->connected.load() == 0) {
+  if (ctx->link.connected.load() == 0) {
     ctx->error_code = KALO_ERROR_COMMUNICATION;
     return false;
   }
@@ -83,12 +84,12 @@ template <class Work> int gated_call(KaloContext *ctx, double minimum, Work &&wo
 // count, kept within the exchange record's room and the servo records that
 // exist, so that a count from the wire never indexes past either.
 inline int32_t points_in_use(const KaloContext &c) {
-  int32_t n = c.control_point_count;
+  int32_t n = c.link.control_point_count;
   if (n > kControlPointRoom)
     n = kControlPointRoom;
-  if (n > c.servo_point_count)
-    n = c.servo_point_count;
-  if (c.servo == nullptr || n < 0)
+  if (n > c.servo.point_count)
+    n = c.servo.point_count;
+  if (c.servo.points == nullptr || n < 0)
     n = 0;
   return n;
 }
@@ -161,8 +162,6 @@ int each_set_point(KaloContext *ctx, const float *values, int stride, int32_t po
 
 } // namespace kalo
 
-#include <cerrno>
-#include <ctime>
 #include <mutex>
 
 namespace kalo {
@@ -185,16 +184,17 @@ inline void report_closed_wait() {
 
 class WaitGuard {
 public:
-  explicit WaitGuard(KaloContext *ctx) : ctx_(ctx) { ctx_->waiters.fetch_add(1); }
-  ~WaitGuard() { ctx_->waiters.fetch_sub(1); } // the last access when a close waits
+  explicit WaitGuard(KaloContext *ctx) : ctx_(ctx) { ctx_->lifetime.waiters.fetch_add(1); }
+  ~WaitGuard() { ctx_->lifetime.waiters.fetch_sub(1); } // the last access when a close waits
   WaitGuard(const WaitGuard &) = delete;
   WaitGuard &operator=(const WaitGuard &) = delete;
   // True (with the codes set) once kaloClose has cancelled the waits.
   bool cancelled() const {
-    if (ctx_->waits_cancelled.load() == 0)
+    if (ctx_->lifetime.waits_cancelled.load() == 0)
       return false;
     ctx_->error_code = KALO_ERROR_COMMUNICATION;
-    if (ctx_->closing_thread.load() != std::this_thread::get_id()) // the close's own queries
+    if (ctx_->lifetime.closing_thread.load() !=
+        std::this_thread::get_id()) // the close's own queries
       report_closed_wait();
     return true;
   }
@@ -202,24 +202,6 @@ public:
 private:
   KaloContext *ctx_;
 };
-
-// Waits for a post of s for at most ms milliseconds; false on time-out.
-inline bool timed_wait(TR_SEMAPHORE *s, int ms) {
-  timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += ms / 1000;
-  deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec++;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  for (;;) {
-    if (sem_timedwait(&s->u.semaphore, &deadline) == 0)
-      return true;
-    if (errno != EINTR)
-      return false;
-  }
-}
 
 // The query frame: asks the controller for a field it sends only on demand
 // (item 20 carrying the wanted identifier), waits for the reply outside the
@@ -233,18 +215,17 @@ template <class Copy> int query_call(KaloContext *ctx, Field wanted, Copy &&copy
   WaitGuard guard(ctx);
   if (guard.cancelled())
     return -1;
-  std::lock_guard<std::mutex> one_query_at_a_time(ctx->query_mutex);
+  std::lock_guard<std::mutex> one_query_at_a_time(ctx->link.query_mutex);
   if (guard.cancelled())
     return -1;
   {
     ContextLock hold(ctx);
     // A reply that arrived after an earlier query gave up must not answer this one.
-    while (sem_trywait(&ctx->reply_sem->u.semaphore) == 0) {
-    }
-    ctx->command_record.request = static_cast<int16_t>(id(wanted));
-    post_field(ctx->command_record, Field::request);
+    drain(ctx->link.reply_sem);
+    ctx->link.command_record.request = static_cast<int16_t>(id(wanted));
+    post_field(ctx->link.command_record, Field::request);
   }
-  const bool answered = timed_wait(ctx->reply_sem, kReplyTimeoutMs);
+  const bool answered = wait_posted(ctx->link.reply_sem, kReplyTimeoutMs);
   if (guard.cancelled())
     return -1;
   if (!answered) {

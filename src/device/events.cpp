@@ -59,7 +59,7 @@ namespace kalo {
 void record_event(KaloContext *ctx, uint32_t kind, double value, double threshold) {
   const uint64_t now = monotonic_us();
   if (kind == KALO_EXT_EVENT_FOREIGN_DATAGRAM) {
-    uint64_t &last = ctx->telemetry.last_foreign_event_us;
+    uint64_t &last = ctx->link.telemetry.last_foreign_event_us;
     if (last != 0 && now - last < kForeignEventSpacingUs)
       return;
     last = now;
@@ -68,7 +68,7 @@ void record_event(KaloContext *ctx, uint32_t kind, double value, double threshol
   Slot &s = g_ring[index % kRingSize];
   s.sequence.store(2 * index + 1, std::memory_order_seq_cst);
   s.kind.store(kind, std::memory_order_seq_cst);
-  s.connection.store(connection_number(ctx->telemetry), std::memory_order_seq_cst);
+  s.connection.store(connection_number(ctx->link.telemetry), std::memory_order_seq_cst);
   s.time_us.store(now, std::memory_order_seq_cst);
   s.value.store(value, std::memory_order_seq_cst);
   s.threshold.store(threshold, std::memory_order_seq_cst);
@@ -94,7 +94,7 @@ int32_t kaloExtGetEvents(KaloContext *context, KaloExtEvent *events, uint32_t ma
   if (stride < 8)
     return fail(context, KALO_ERROR_INCORRECT_VALUE);
   const uint32_t filled = stride < sizeof(KaloExtEvent) ? stride : sizeof(KaloExtEvent);
-  const uint64_t wanted = context != nullptr ? kalo::connection_number(context->telemetry) : 0;
+  const uint64_t wanted = context != nullptr ? kalo::connection_number(context->link.telemetry) : 0;
 
   // Newest first into the caller's array, then reversed: the most recent
   // `max` matching events, oldest first.

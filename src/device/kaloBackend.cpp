@@ -44,17 +44,18 @@ enum class SendResult { sent, dropped, failed };
 // is counted, and code 2 tells the application that commands it posted did
 // not go out.
 SendResult send_marked_fields(KaloContext *ctx, unsigned char *frame) {
-  ExchangeRecord &cmd = ctx->command_record;
+  ExchangeRecord &cmd = ctx->link.command_record;
   cmd.time_stamp = static_cast<int32_t>(static_cast<uint32_t>(getTime(ctx)));
   kalo::post_field(cmd, kalo::Field::time_stamp);
   const uint32_t size = encode_decode(kalo::kModeEncode, &cmd, frame, kalo::kFrameCapacity);
   SendResult result = SendResult::dropped;
   if (size != kalo::kCodecFailure && size <= kalo::kFrameCapacity) {
-    result = write_protocol(ctx->session, frame, static_cast<int>(size)) == static_cast<int>(size)
-                 ? SendResult::sent
-                 : SendResult::failed;
+    result =
+        write_protocol(ctx->link.session, frame, static_cast<int>(size)) == static_cast<int>(size)
+            ? SendResult::sent
+            : SendResult::failed;
   } else {
-    kalo::count_one(ctx->link_counters.frames_dropped_for_size);
+    kalo::count_one(ctx->link.link_counters.frames_dropped_for_size);
     ctx->error_code = KALO_ERROR_COMMUNICATION;
   }
   kalo::clear_changes(cmd);
@@ -63,34 +64,34 @@ SendResult send_marked_fields(KaloContext *ctx, unsigned char *frame) {
 
 // The reactions to the fields a state frame carried. Call under the lock.
 void react_to_state(KaloContext *ctx, int &pending_request) {
-  ExchangeRecord &state = ctx->state_record;
+  ExchangeRecord &state = ctx->link.state_record;
   const uint32_t *arrived = state.field_changed;
 
   if (kalo::carries(state, kalo::Field::mouse_state)) {
     const int32_t m = state.mouse_state.state;
-    if (m == 1 && ctx->mouse_previous_state == 0)
+    if (m == 1 && ctx->mouse.previous_state == 0)
       active_mouse(ctx);
-    if (m == 0 && ctx->mouse_previous_state == 1) {
+    if (m == 0 && ctx->mouse.previous_state == 1) {
       desactive_mouse(ctx);
     } else {
       move_mouse(ctx, state.mouse_state.x, state.mouse_state.y);
       clic_mouse(ctx, state.mouse_state.click_left, state.mouse_state.click_right);
     }
-    ctx->mouse_previous_state = m;
+    ctx->mouse.previous_state = m;
   }
   if (kalo::carries(state, kalo::Field::energy_control_off))
     deactive_control_ener_cine(ctx);
   if (kalo::carries(state, kalo::Field::vm_wait_upper_bound))
-    TR_poster_semaphore(ctx->upper_bound_sem);
+    TR_poster_semaphore(ctx->link.upper_bound_sem);
   if (kalo::carries(state, kalo::Field::traj_sample))
-    TR_poster_semaphore(ctx->traj_sample_sem);
+    TR_poster_semaphore(ctx->link.traj_sample_sem);
   // The button check runs the call frame, whose connection check would
   // record a spurious code 2 while kaloOpen still waits for the first frame.
-  if (kalo::carries(state, kalo::Field::buttons) && ctx->connected.load() != 0)
+  if (kalo::carries(state, kalo::Field::buttons) && ctx->link.connected.load() != 0)
     CheckPressButton(ctx);
   if (pending_request > 0 && pending_request <= kalo::kFieldCount &&
       arrived[pending_request] != 0) {
-    TR_poster_semaphore(ctx->reply_sem);
+    TR_poster_semaphore(ctx->link.reply_sem);
     pending_request = 0;
   }
   kalo::clear_changes(state);
@@ -99,22 +100,22 @@ void react_to_state(KaloContext *ctx, int &pending_request) {
 // Ticks the periodic loop when a period has elapsed since the previous tick.
 // The timing words have this thread as their only writer.
 void tick_loop(KaloContext *ctx) {
-  if (ctx->loop_running.load() == 0) {
+  if (ctx->loop.loop_running.load() == 0) {
     // The first tick after a start waits one whole period.
-    ctx->last_tick_time = getTime(ctx);
+    ctx->loop.last_tick_time = getTime(ctx);
     return;
   }
   const uint64_t now = getTime(ctx);
-  ctx->last_frame_time = now;
-  if (kalo::loop_tick_due(now, ctx->last_tick_time.load(), ctx->loop_period_us.load())) {
-    ctx->last_tick_time = getTime(ctx);
-    TR_poster_semaphore(ctx->loop_sem);
+  ctx->loop.last_frame_time = now;
+  if (kalo::loop_tick_due(now, ctx->loop.last_tick_time.load(), ctx->loop.loop_period_us.load())) {
+    ctx->loop.last_tick_time = getTime(ctx);
+    TR_poster_semaphore(ctx->loop.loop_sem);
   }
 }
 
 // Ends the thread: the post is the thread's last access to the context.
 void *finish(KaloContext *ctx, intptr_t result) {
-  TR_poster_semaphore(ctx->backend_exited);
+  TR_poster_semaphore(ctx->link.backend_exited);
   return reinterpret_cast<void *>(result);
 }
 
@@ -141,7 +142,7 @@ void *_backendThread(void *context) {
   bool hello_sent;
   {
     ContextLock hold(ctx);
-    kalo::post_field(ctx->command_record, kalo::Field::hello);
+    kalo::post_field(ctx->link.command_record, kalo::Field::hello);
     hello_sent = send_marked_fields(ctx, frame) == SendResult::sent;
     if (!hello_sent)
       ctx->error_code = KALO_ERROR_COMMUNICATION;
@@ -152,19 +153,19 @@ void *_backendThread(void *context) {
   for (;;) {
     errno = 0;
     kalo::Arrival arrival = kalo::Arrival::nothing;
-    const int received =
-        kalo::receive_frame(ctx->session, frame, static_cast<int>(kalo::kFrameCapacity), &arrival);
+    const int received = kalo::receive_frame(ctx->link.session, frame,
+                                             static_cast<int>(kalo::kFrameCapacity), &arrival);
     if (arrival == kalo::Arrival::foreign) {
-      kalo::count_one(ctx->link_counters.frames_foreign);
+      kalo::count_one(ctx->link.link_counters.frames_foreign);
       kalo::record_event(ctx, KALO_EXT_EVENT_FOREIGN_DATAGRAM, 0, 0);
     } else if (arrival == kalo::Arrival::malformed)
-      kalo::count_one(ctx->link_counters.frames_malformed);
+      kalo::count_one(ctx->link.link_counters.frames_malformed);
     if (received < 1) {
       if (errno == EAGAIN || errno == EWOULDBLOCK || arrival == kalo::Arrival::foreign) {
         // Nothing arrived within the receive time-out, or only a stranger's
         // datagram (which must neither slow the exchange nor trigger a
         // command frame): no frame is due, unless the silence calls for a hello.
-        if (ctx->backend_stop.load() != 0)
+        if (ctx->link.backend_stop.load() != 0)
           break;
         if (getTime(ctx) - last_heard < kSilenceUs)
           continue;
@@ -176,16 +177,16 @@ void *_backendThread(void *context) {
       last_heard = getTime(ctx);
       {
         ContextLock hold(ctx);
-        ExchangeRecord &state = ctx->state_record;
+        ExchangeRecord &state = ctx->link.state_record;
         const uint32_t rejected_before = state.items_rejected;
         if (encode_decode(kalo::kModeDecode, &state, frame, static_cast<uint32_t>(received)) ==
             kalo::kCodecFailure)
-          kalo::count_one(ctx->link_counters.frames_malformed);
-        ctx->link_counters.items_rejected.fetch_add(state.items_rejected - rejected_before,
-                                                    std::memory_order_relaxed);
-        ctx->frames_received++;
-        ctx->watchdog_counter++;
-        ctx->frame_received = 1;
+          kalo::count_one(ctx->link.link_counters.frames_malformed);
+        ctx->link.link_counters.items_rejected.fetch_add(state.items_rejected - rejected_before,
+                                                         std::memory_order_relaxed);
+        ctx->link.frames_received++;
+        ctx->link.watchdog_counter++;
+        ctx->link.frame_received = 1;
         kalo::telemetry_state_frame(ctx);
       }
       tick_loop(ctx);
@@ -193,27 +194,27 @@ void *_backendThread(void *context) {
       react_to_state(ctx, pending_request);
       // The speed-factor filter steps once per frame. Its input is written by
       // the application under the lock, so it is read under the lock too.
-      if (ctx->filter_disabled.load() == 0 && ctx->speed_factor_filter != nullptr)
-        TSIG_filtre_calculer(ctx->speed_factor_filter, ctx->speed_factor_target,
-                             ctx->speed_factor_filtered);
+      if (ctx->servo.filter_disabled.load() == 0 && ctx->servo.speed_factor_filter != nullptr)
+        TSIG_filtre_calculer(ctx->servo.speed_factor_filter, ctx->servo.speed_factor_target,
+                             ctx->servo.speed_factor_filtered);
     }
 
     const uint64_t now = getTime(ctx);
     const bool silent = now - last_heard >= kSilenceUs;
     {
       ContextLock hold(ctx);
-      ExchangeRecord &cmd = ctx->command_record;
+      ExchangeRecord &cmd = ctx->link.command_record;
       SendResult sent = SendResult::dropped;
       if (silent && now - last_hello >= kSilenceUs) {
         kalo::post_field(cmd, kalo::Field::hello);
-        kalo::count_one(ctx->link_counters.hellos_resent);
+        kalo::count_one(ctx->link.link_counters.hellos_resent);
         last_hello = now;
       }
       if (cmd.send_request != 0) {
         if (kalo::carries(cmd, kalo::Field::request))
           pending_request = cmd.request;
         sent = send_marked_fields(ctx, frame);
-        ctx->frames_sent++;
+        ctx->link.frames_sent++;
       }
       kalo::telemetry_cycle_end(ctx, sent == SendResult::sent);
       // While the controller is silent (perhaps restarting, its port
@@ -222,11 +223,11 @@ void *_backendThread(void *context) {
         // The link is gone: report it to the application's next call and end.
         kalo::record_event(ctx, KALO_EXT_EVENT_SEND_FAILED, errno, 0);
         ctx->error_code = KALO_ERROR_COMMUNICATION;
-        ctx->connected = 0;
+        ctx->link.connected = 0;
         break;
       }
     }
-    if (ctx->backend_stop.load() != 0)
+    if (ctx->link.backend_stop.load() != 0)
       break;
   }
   return finish(ctx, 0);
@@ -234,37 +235,37 @@ void *_backendThread(void *context) {
 
 void *_watchdogCtlThread(void *context) {
   auto *ctx = static_cast<KaloContext *>(context);
-  ctx->watchdog_started++;
+  ctx->link.watchdog_started++;
   uint32_t previous;
   float period;
   {
     ContextLock hold(ctx);
-    previous = ctx->watchdog_counter - 1;
-    period = ctx->watchdog_period;
+    previous = ctx->link.watchdog_counter - 1;
+    period = ctx->params.watchdog_period;
   }
   bool stalled = false;
-  while (ctx->backend_stop.load() == 0) {
+  while (ctx->link.backend_stop.load() == 0) {
     {
       ContextLock hold(ctx);
-      const uint32_t counter = ctx->watchdog_counter;
+      const uint32_t counter = ctx->link.watchdog_counter;
       if (counter != previous) {
-        ctx->connected = 1;
-      } else if (ctx->control_connection_disabled == 0) {
-        ctx->connected = 0;
+        ctx->link.connected = 1;
+      } else if (ctx->link.control_connection_disabled == 0) {
+        ctx->link.connected = 0;
         stalled = true;
         kalo::record_event(ctx, KALO_EXT_EVENT_WATCHDOG, kalo::seconds_since_last_frame(ctx),
                            static_cast<double>(period));
       }
       previous = counter;
-      period = ctx->watchdog_period;
+      period = ctx->params.watchdog_period;
     }
     if (stalled)
       break;
     TR_delai(static_cast<double>(period));
   }
-  if (stalled && ctx->backend_stop.load() == 0)
+  if (stalled && ctx->link.backend_stop.load() == 0)
     TR_delai(static_cast<double>(period));
-  ctx->watchdog_ended++; // last access: kaloClose may free the context from here on
+  ctx->link.watchdog_ended++; // last access: kaloClose may free the context from here on
   return nullptr;
 }
 

@@ -13,7 +13,7 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
@@ -32,9 +32,9 @@ inline bool coupling_type(uint32_t type) {
 // Field 61 opens the set-point stream; it goes out once per connection, with
 // the first force or position set-point.
 void start_stream(KaloContext &c) {
-  if (c.stream_started == 0) {
-    c.stream_started = 1;
-    kalo::post_field(c.command_record, kalo::Field::set_point_marker);
+  if (c.command.stream_started == 0) {
+    c.command.stream_started = 1;
+    kalo::post_field(c.link.command_record, kalo::Field::set_point_marker);
   }
 }
 
@@ -45,11 +45,11 @@ int speed_control(KaloContext *ctx, float a, float b, kalo::SpeedControl Exchang
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_scalars_or_refused(a, b) != 0 || a < 0.0f || b < 0.0f)
       return KALO_ERROR_INCORRECT_VALUE;
-    kalo::SpeedControl &s = c.command_record.*member;
+    kalo::SpeedControl &s = c.link.command_record.*member;
     s.first = b;
     s.second = a;
     s.mode = 1;
-    kalo::post_field(c.command_record, field);
+    kalo::post_field(c.link.command_record, field);
     return KALO_NO_ERROR;
   });
 }
@@ -57,8 +57,8 @@ int speed_control(KaloContext *ctx, float a, float b, kalo::SpeedControl Exchang
 int speed_control_off(KaloContext *ctx, kalo::SpeedControl ExchangeRecord::*member,
                       kalo::Field field) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
-    (c.command_record.*member).mode = 0;
-    kalo::post_field(c.command_record, field);
+    (c.link.command_record.*member).mode = 0;
+    kalo::post_field(c.link.command_record, field);
     return KALO_NO_ERROR;
   });
 }
@@ -69,14 +69,14 @@ int copy_state(KaloContext *ctx, float *out, const float (ExchangeRecord::*membe
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (out == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(out, c.state_record.*member, sizeof(float) * N);
+    std::memcpy(out, c.link.state_record.*member, sizeof(float) * N);
     return KALO_NO_ERROR;
   });
 }
 
 // Whether a set-point call may run in the active command type; sets code 17.
 bool refused_in(KaloContext *ctx, bool (*refused)(uint32_t)) {
-  if (refused(ctx->active_command_type.load())) {
+  if (refused(ctx->command.active_command_type.load())) {
     ctx->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
     return true;
   }
@@ -86,14 +86,14 @@ bool refused_in(KaloContext *ctx, bool (*refused)(uint32_t)) {
 // kaloSetPosition, one control point, in a coupling command type: the
 // automatic power-on and the consumption of the attach and detach requests.
 void couple_position(KaloContext *ctx, ServoPoint &p) {
-  if (ctx->attach_pending == 0 && ctx->detach_pending == 0) {
+  if (ctx->vm.attach_pending == 0 && ctx->vm.detach_pending == 0) {
     if (p.position_power_wait > 0)
       --p.position_power_wait;
     if (p.position_power_requested == 0 && p.position_power_wait == 0) {
       kaloSetPowerOn(ctx, 1);
       p.position_power_requested = 1;
     }
-  } else if (ctx->attach_pending == 0 && ctx->detach_pending == 1) {
+  } else if (ctx->vm.attach_pending == 0 && ctx->vm.detach_pending == 1) {
     for (DEPL *d : {p.X_offset, p.H_rel}) {
       for (int k = 0; k < 3; ++k) {
         d->trans[k] = 0.0;
@@ -101,13 +101,13 @@ void couple_position(KaloContext *ctx, ServoPoint &p) {
       }
       d->rot->partie_scal = 1.0;
     }
-    ctx->detach_pending = 0;
+    ctx->vm.detach_pending = 0;
     p.object_reset = 1;
-  } else if (ctx->attach_pending == 0) {
+  } else if (ctx->vm.attach_pending == 0) {
     p.object_reset = 1;
   } else {
     // The limiter keeps the device-to-object offset found at the attach.
-    if (ctx->attach_pending == 1) {
+    if (ctx->vm.attach_pending == 1) {
       for (int k = 0; k < 3; ++k) {
         p.X_offset->trans[k] = p.H_rel->trans[k];
         p.X_offset->rot->partie_vect[k] = p.H_rel->rot->partie_vect[k];
@@ -125,16 +125,16 @@ int complete_attach(KaloContext *ctx) {
   kaloGetSimulationStiffness(ctx, ignored);
   {
     kalo::ContextLock hold(ctx);
-    if (ctx->command_record.vo_attached == 1)
-      kalo::post_field(ctx->command_record, kalo::Field::vo_attached);
-    if (ctx->command_record.avatar_attached == 1)
-      kalo::post_field(ctx->command_record, kalo::Field::avatar_attached);
-    kalo::post_field(ctx->command_record, kalo::Field::position);
+    if (ctx->link.command_record.vo_attached == 1)
+      kalo::post_field(ctx->link.command_record, kalo::Field::vo_attached);
+    if (ctx->link.command_record.avatar_attached == 1)
+      kalo::post_field(ctx->link.command_record, kalo::Field::avatar_attached);
+    kalo::post_field(ctx->link.command_record, kalo::Field::position);
   }
   kaloGetSimulationStiffness(ctx, ignored);
   kaloGetSimulationStiffness(ctx, ignored);
   kalo::ContextLock hold(ctx);
-  ctx->attach_pending = 0;
+  ctx->vm.attach_pending = 0;
   return 0;
 }
 
@@ -148,15 +148,15 @@ int32_t kaloSetCommandType(KaloContext *context, uint32_t type) {
       return KALO_ERROR_MODE_NOT_SUPPORTED;
     if (type > 7 || kModeByteOf[type] < 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.command_type = static_cast<char>(kModeByteOf[type]);
-    kalo::post_field(c.command_record, kalo::Field::command_type);
+    c.link.command_record.command_type = static_cast<char>(kModeByteOf[type]);
+    kalo::post_field(c.link.command_record, kalo::Field::command_type);
     return KALO_NO_ERROR;
   });
   if (result != 0)
     return result;
   sleep(0);
-  context->command_type_set = 1;
-  context->active_command_type = type;
+  context->command.command_type_set = 1;
+  context->command.active_command_type = type;
   return 0;
 }
 
@@ -166,7 +166,7 @@ int32_t kaloGetCommandType(KaloContext *context, uint32_t *type) {
     return -1;
   }
   return kalo::query_call(context, kalo::Field::command_type, [&](KaloContext &c) {
-    const int mode = static_cast<unsigned char>(c.state_record.command_type);
+    const int mode = static_cast<unsigned char>(c.link.state_record.command_type);
     *type = mode >= 1 && mode <= 10 ? kCommandTypeOfMode[mode - 1] : 0;
   });
 }
@@ -186,18 +186,18 @@ int32_t kaloSetForce(KaloContext *context, const float *force) {
       kalo::each_set_point(context, force, 6, points, [&](const float *entry, int32_t i) {
         float converted[6];
         ecriture_force(context, entry, converted, i);
-        std::memcpy(context->command_record.force + 6 * i, converted, sizeof converted);
+        std::memcpy(context->link.command_record.force + 6 * i, converted, sizeof converted);
         return 0;
       });
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);
-  kalo::post_field(context->command_record, kalo::Field::force);
+  kalo::post_field(context->link.command_record, kalo::Field::force);
   return 0;
 }
 
 int32_t kaloAddForce(KaloContext *context, const float *force) {
-  if (context != nullptr && !(static_cast<double>(context->controller_version) > 3.0))
+  if (context != nullptr && !(static_cast<double>(context->link.controller_version) > 3.0))
     return KALO_ERROR_NOT_IMPLEMENTED;
   if (!kalo::enter(context))
     return -1;
@@ -208,8 +208,8 @@ int32_t kaloAddForce(KaloContext *context, const float *force) {
   if (!kalo::all_finite(force, 6))
     return kalo::reject_non_finite(context, force, 6);
   kalo::ContextLock hold(context);
-  std::memcpy(context->command_record.added_force, force, sizeof(float) * 6);
-  kalo::post_field(context->command_record, kalo::Field::added_force);
+  std::memcpy(context->link.command_record.added_force, force, sizeof(float) * 6);
+  kalo::post_field(context->link.command_record, kalo::Field::added_force);
   return 0;
 }
 
@@ -222,28 +222,28 @@ int32_t kaloSetPosition(KaloContext *context, const float *position) {
   {
     kalo::ContextLock hold(context);
     start_stream(*context);
-    if (context->filter_disabled.load() != 0) {
+    if (context->servo.filter_disabled.load() != 0) {
       init_filtres(context);
       SendSpeedFactor(context);
     }
-    if (std::fabs(context->speed_factor_target->donnees[0] -
-                  context->speed_factor_filtered->donnees[0]) > 0.0001)
+    if (std::fabs(context->servo.speed_factor_target->donnees[0] -
+                  context->servo.speed_factor_filtered->donnees[0]) > 0.0001)
       SendSpeedFactor(context);
     points = kalo::points_in_use(*context);
   }
-  const uint32_t type = context->active_command_type.load();
+  const uint32_t type = context->command.active_command_type.load();
   const int walked =
       kalo::each_set_point(context, position, 7, points, [&](const float *entry, int32_t i) {
         if (test_deplacement_valide(entry) == 0)
           return KALO_ERROR_INCORRECT_VALUE; // the connection stays open
-        ServoPoint &p = context->servo[i];
+        ServoPoint &p = context->servo.points[i];
         ecriture_position(context, entry, i);
         if (coupling_type(type))
           couple_position(context, p);
         else if (type == 2 && p.object_attached != 0)
           p.object_attached = 0;
         // The controller gets the pose as the application gave it.
-        std::memcpy(context->command_record.position + 7 * i, entry, sizeof(float) * 7);
+        std::memcpy(context->link.command_record.position + 7 * i, entry, sizeof(float) * 7);
         return 0;
       });
   if (walked != 0)
@@ -251,9 +251,9 @@ int32_t kaloSetPosition(KaloContext *context, const float *position) {
   uint32_t attach;
   {
     kalo::ContextLock hold(context);
-    attach = context->attach_pending;
+    attach = context->vm.attach_pending;
     if (!coupling_type(type) || attach != 1) {
-      kalo::post_field(context->command_record, kalo::Field::position);
+      kalo::post_field(context->link.command_record, kalo::Field::position);
       return 0;
     }
   }
@@ -265,7 +265,7 @@ int32_t kaloSetSpeed(KaloContext *context, const float *speed) {
     return -1;
   if (refused_in(context, [](uint32_t t) { return t == 0 || t == 3; }))
     return -1;
-  const uint32_t type = context->active_command_type.load();
+  const uint32_t type = context->command.active_command_type.load();
   int32_t points;
   {
     kalo::ContextLock hold(context);
@@ -279,7 +279,7 @@ int32_t kaloSetSpeed(KaloContext *context, const float *speed) {
         // field is marked (the controller has always been sent it that way).
         if (!coupling_type(type))
           return 0;
-        ServoPoint &p = context->servo[i];
+        ServoPoint &p = context->servo.points[i];
         const int32_t guard = control_ener_cine_vitesse(context, entry, i);
         if (p.speed_power_wait > 0)
           --p.speed_power_wait;
@@ -290,18 +290,19 @@ int32_t kaloSetSpeed(KaloContext *context, const float *speed) {
         }
         if (guard == -1) {
           // Power comes back only after 10 s worth of time steps without a refusal.
-          p.speed_power_wait = static_cast<int32_t>(10.0 / static_cast<double>(context->time_step));
+          p.speed_power_wait =
+              static_cast<int32_t>(10.0 / static_cast<double>(context->params.time_step));
         } else if (p.speed_power_requested == 0 && p.speed_power_wait == 0) {
           p.speed_power_requested = 1;
           kaloSetPowerOn(context, 1);
         }
-        std::memcpy(context->command_record.speed + 6 * i, converted, sizeof converted);
+        std::memcpy(context->link.command_record.speed + 6 * i, converted, sizeof converted);
         return 0;
       });
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);
-  kalo::post_field(context->command_record, kalo::Field::speed);
+  kalo::post_field(context->link.command_record, kalo::Field::speed);
   return 0;
 }
 
@@ -311,7 +312,7 @@ int32_t kaloGetPosition(KaloContext *context, float *position) {
     if (position == nullptr && points > 0)
       return KALO_ERROR_INCORRECT_VALUE;
     if (points > 0)
-      std::memcpy(position, c.state_record.position,
+      std::memcpy(position, c.link.state_record.position,
                   sizeof(float) * 7 * static_cast<size_t>(points));
     for (int32_t i = 0; i < points; ++i)
       lecture_position(context, position + 7 * i, i);
@@ -325,10 +326,10 @@ int32_t kaloGetSpeed(KaloContext *context, float *speed) {
     if (speed == nullptr && points > 0)
       return KALO_ERROR_INCORRECT_VALUE;
     if (points > 0)
-      std::memcpy(c.scratch_speed, c.state_record.speed,
+      std::memcpy(c.servo.scratch_speed, c.link.state_record.speed,
                   sizeof(float) * 6 * static_cast<size_t>(points));
     for (int32_t i = 0; i < points; ++i)
-      lecture_vitesse(context, c.scratch_speed + 6 * i, speed + 6 * i, i);
+      lecture_vitesse(context, c.servo.scratch_speed + 6 * i, speed + 6 * i, i);
     return KALO_NO_ERROR;
   });
 }
@@ -349,8 +350,8 @@ int32_t kaloSetPowerOn(KaloContext *context, uint32_t on) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (on > 1)
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.power_on = static_cast<char>(on);
-    kalo::post_field(c.command_record, kalo::Field::power_on);
+    c.link.command_record.power_on = static_cast<char>(on);
+    kalo::post_field(c.link.command_record, kalo::Field::power_on);
     return KALO_NO_ERROR;
   });
 }
@@ -381,8 +382,8 @@ int32_t kaloSetForceInSpeedControl(KaloContext *context, float force) {
   return kalo::gated_call(context, 3.55, [&](KaloContext &c) {
     if (kalo::finite_scalars_or_refused(force) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.force_in_speed_control = force;
-    kalo::post_field(c.command_record, kalo::Field::force_in_speed_control);
+    c.link.command_record.force_in_speed_control = force;
+    kalo::post_field(c.link.command_record, kalo::Field::force_in_speed_control);
     return KALO_NO_ERROR;
   });
 }
@@ -391,8 +392,8 @@ int32_t kaloSetTorqueInSpeedControl(KaloContext *context, float torque) {
   return kalo::gated_call(context, 3.55, [&](KaloContext &c) {
     if (kalo::finite_scalars_or_refused(torque) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.torque_in_speed_control = torque;
-    kalo::post_field(c.command_record, kalo::Field::torque_in_speed_control);
+    c.link.command_record.torque_in_speed_control = torque;
+    kalo::post_field(c.link.command_record, kalo::Field::torque_in_speed_control);
     return KALO_NO_ERROR;
   });
 }
@@ -401,26 +402,26 @@ int32_t kaloIsInSpeedControl(KaloContext *context, int32_t *first, int32_t *seco
   return kalo::gated_call(context, 3.55, [&](KaloContext &c) {
     if (first == nullptr || second == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *first = c.state_record.speed_control_state[0];
-    *second = c.state_record.speed_control_state[1];
+    *first = c.link.state_record.speed_control_state[0];
+    *second = c.link.state_record.speed_control_state[1];
     return KALO_NO_ERROR;
   });
 }
 
 int32_t kaloEnableForceFeedback(KaloContext *context, int32_t enable) {
   return kalo::locked_call(context, [&](KaloContext &c) {
-    c.command_record.force_feedback_enabled = enable;
-    kalo::post_field(c.command_record, kalo::Field::force_feedback_enabled);
+    c.link.command_record.force_feedback_enabled = enable;
+    kalo::post_field(c.link.command_record, kalo::Field::force_feedback_enabled);
     return KALO_NO_ERROR;
   });
 }
 
 int32_t kaloForceShiftButton(KaloContext *context, int32_t value) {
-  if (context != nullptr && static_cast<double>(context->controller_version) < 3.0)
+  if (context != nullptr && static_cast<double>(context->link.controller_version) < 3.0)
     return KALO_ERROR_INCOMPATIBLE_VERSION;
   return kalo::locked_call(context, [&](KaloContext &c) {
-    c.command_record.force_shift_button = value;
-    kalo::post_field(c.command_record, kalo::Field::force_shift_button);
+    c.link.command_record.force_shift_button = value;
+    kalo::post_field(c.link.command_record, kalo::Field::force_shift_button);
     return KALO_NO_ERROR;
   });
 }
@@ -429,9 +430,9 @@ int32_t kaloSetIndexingMode(KaloContext *context, uint32_t mode) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (mode > 7)
       return KALO_ERROR_INCORRECT_VALUE;
-    c.active_indexing_mode = mode;
-    c.command_record.indexing_mode = static_cast<char>(mode);
-    kalo::post_field(c.command_record, kalo::Field::indexing_mode);
+    c.command.active_indexing_mode = mode;
+    c.link.command_record.indexing_mode = static_cast<char>(mode);
+    kalo::post_field(c.link.command_record, kalo::Field::indexing_mode);
     return KALO_NO_ERROR;
   });
 }
@@ -440,7 +441,7 @@ int32_t kaloGetIndexingMode(KaloContext *context, uint32_t *mode) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (mode == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *mode = c.active_indexing_mode;
+    *mode = c.command.active_indexing_mode;
     return KALO_NO_ERROR;
   });
 }

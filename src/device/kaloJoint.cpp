@@ -18,12 +18,12 @@ namespace {
 inline bool articular_refused(const KaloContext *ctx) {
   if (ctx == nullptr)
     return false;
-  const double v = static_cast<double>(ctx->controller_version);
+  const double v = static_cast<double>(ctx->link.controller_version);
   return !(v > 3.55 || v == 2.33);
 }
 
 inline size_t axis_values(const KaloContext &c) {
-  const int32_t n = c.axis_count;
+  const int32_t n = c.link.axis_count;
   return static_cast<size_t>(n < 0 ? 0 : (n > kalo::kArticularRoom ? kalo::kArticularRoom : n));
 }
 
@@ -35,8 +35,8 @@ int set_articular(KaloContext *ctx, const float *q,
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_or_refused(q, static_cast<int>(axis_values(c))) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.*member, q, sizeof(float) * axis_values(c));
-    kalo::post_field(c.command_record, field);
+    std::memcpy(c.link.command_record.*member, q, sizeof(float) * axis_values(c));
+    kalo::post_field(c.link.command_record, field);
     return 0;
   });
 }
@@ -47,8 +47,8 @@ int set_additional_axis(KaloContext *ctx, const float *value, float ExchangeReco
   return kalo::gated_call(ctx, 3.1, [&](KaloContext &c) {
     if (kalo::finite_or_refused(value, 1) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.*member = *value;
-    kalo::post_field(c.command_record, field);
+    c.link.command_record.*member = *value;
+    kalo::post_field(c.link.command_record, field);
     return 0;
   });
 }
@@ -91,16 +91,16 @@ int32_t kaloSetArticularForceOfAdditionalAxe(KaloContext *context, const float *
 
 int32_t kaloSetGripperCommandType(KaloContext *context, uint32_t type) {
   return kalo::gated_call(context, 3.6, [&](KaloContext &c) {
-    c.command_record.gripper_command_type = static_cast<int32_t>(type);
-    kalo::post_field(c.command_record, kalo::Field::gripper_command_type);
+    c.link.command_record.gripper_command_type = static_cast<int32_t>(type);
+    kalo::post_field(c.link.command_record, kalo::Field::gripper_command_type);
     return 0;
   });
 }
 
 int32_t kaloOutputsSetting(KaloContext *context, uint32_t outputs) {
   return kalo::gated_call(context, 5.2, [&](KaloContext &c) {
-    c.command_record.outputs = static_cast<int32_t>(outputs);
-    kalo::post_field(c.command_record, kalo::Field::outputs);
+    c.link.command_record.outputs = static_cast<int32_t>(outputs);
+    kalo::post_field(c.link.command_record, kalo::Field::outputs);
     return 0;
   });
 }
@@ -109,8 +109,8 @@ int32_t kaloSetPwmOutput(KaloContext *context, const float pwm[7]) {
   return kalo::gated_call(context, 5.3, [&](KaloContext &c) {
     if (kalo::finite_or_refused(pwm, 7) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.pwm_output, pwm, sizeof c.command_record.pwm_output);
-    kalo::post_field(c.command_record, kalo::Field::pwm_output);
+    std::memcpy(c.link.command_record.pwm_output, pwm, sizeof c.link.command_record.pwm_output);
+    kalo::post_field(c.link.command_record, kalo::Field::pwm_output);
     return 0;
   });
 }
@@ -119,8 +119,9 @@ int32_t kaloSetFingerTipSpeed(KaloContext *context, const float speed[5]) {
   return kalo::gated_call(context, 5.8, [&](KaloContext &c) {
     if (kalo::finite_or_refused(speed, 5) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.finger_tip_speed, speed, sizeof c.command_record.finger_tip_speed);
-    kalo::post_field(c.command_record, kalo::Field::finger_tip_speed);
+    std::memcpy(c.link.command_record.finger_tip_speed, speed,
+                sizeof c.link.command_record.finger_tip_speed);
+    kalo::post_field(c.link.command_record, kalo::Field::finger_tip_speed);
     return 0;
   });
 }
@@ -129,17 +130,17 @@ int32_t kaloSetFrictionForce(KaloContext *context, float a, float b, float c) {
   return kalo::locked_call(context, [&](KaloContext &k) {
     if (kalo::finite_scalars_or_refused(a, b, c) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    k.command_record.friction_force[0] = a;
-    k.command_record.friction_force[1] = b;
-    k.command_record.friction_force[2] = c;
-    kalo::post_field(k.command_record, kalo::Field::friction_force);
+    k.link.command_record.friction_force[0] = a;
+    k.link.command_record.friction_force[1] = b;
+    k.link.command_record.friction_force[2] = c;
+    kalo::post_field(k.link.command_record, kalo::Field::friction_force);
     return 0;
   });
 }
 
 int32_t kaloGenerateDebugFile(KaloContext *context) {
   return kalo::locked_call(context, [](KaloContext &c) {
-    kalo::post_field(c.command_record, kalo::Field::debug_file);
+    kalo::post_field(c.link.command_record, kalo::Field::debug_file);
     return 0;
   });
 }
@@ -158,11 +159,11 @@ int32_t kaloSetTexture(KaloContext *context, const float *position, const float 
     return -1;
   }
   kalo::ContextLock hold(context);
-  if (context->active_command_type < 2) {
+  if (context->command.active_command_type < 2) {
     context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
     return -1;
   }
-  const int32_t n = context->control_point_count;
+  const int32_t n = context->link.control_point_count;
   const int32_t points = n < 0 ? 0 : (n > kalo::kControlPointRoom ? kalo::kControlPointRoom : n);
   for (int32_t i = 0; i < points; ++i)
     if (!kalo::all_finite(position + 7 * i, 3)) {
@@ -171,7 +172,7 @@ int32_t kaloSetTexture(KaloContext *context, const float *position, const float 
     }
   if (points >= 1 && !in_unit_range(intensity[0]))
     return KALO_ERROR_INCORRECT_VALUE;
-  ExchangeRecord &r = context->command_record;
+  ExchangeRecord &r = context->link.command_record;
   for (int32_t i = 0; i < points; ++i) {
     std::memcpy(r.texture + 3 * i, position + 7 * i, 3 * sizeof(float));
     r.texture_intensity = intensity[i];
@@ -192,7 +193,7 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
   int32_t points;
   {
     kalo::ContextLock hold(context);
-    if (context->active_command_type < 2) {
+    if (context->command.active_command_type < 2) {
       context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
       return -1;
     }
@@ -202,13 +203,14 @@ int32_t kaloSetTextureForce(KaloContext *context, const float *wrench) {
       kalo::each_set_point(context, wrench, 6, points, [&](const float *entry, int32_t i) {
         float converted[6];
         ecriture_texture_force(context, entry, converted, i);
-        std::memcpy(context->command_record.texture_force + 6 * i, converted, sizeof converted);
+        std::memcpy(context->link.command_record.texture_force + 6 * i, converted,
+                    sizeof converted);
         return 0;
       });
   if (walked != 0)
     return walked;
   kalo::ContextLock hold(context);
-  kalo::post_field(context->command_record, kalo::Field::texture_force);
+  kalo::post_field(context->link.command_record, kalo::Field::texture_force);
   return 0;
 }
 

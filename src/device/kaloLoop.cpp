@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <pthread.h>
-#include <semaphore.h>
 
 #include "device/call_frame.h"
 #include "device/context.h"
@@ -23,6 +22,7 @@
 #include "device/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
+#include "realtime/timed_wait.h"
 
 namespace {
 
@@ -42,12 +42,12 @@ void reap_finishing_loop(KaloContext *ctx) {
     TR_TACHE *finishing;
     {
       ContextLock hold(ctx);
-      finishing = ctx->loop_task_finishing;
+      finishing = ctx->loop.loop_task_finishing;
       if (finishing == nullptr || is_thread_of(finishing))
         return;
-      ctx->loop_task_finishing = nullptr;
+      ctx->loop.loop_task_finishing = nullptr;
     }
-    TR_attendre_semaphore(ctx->loop_exited);
+    TR_attendre_semaphore(ctx->loop.loop_exited);
     kalo::release_task_handle(finishing);
   }
 }
@@ -67,15 +67,15 @@ bool stop_loop(KaloContext *ctx) {
   bool on_loop_thread;
   {
     ContextLock hold(ctx);
-    if (ctx->loop_task != nullptr) {
+    if (ctx->loop.loop_task != nullptr) {
       // The start reaps any earlier stopped loop before it creates a task, so
       // the finishing slot is free here.
-      ctx->loop_task_finishing = ctx->loop_task;
-      ctx->loop_task = nullptr;
+      ctx->loop.loop_task_finishing = ctx->loop.loop_task;
+      ctx->loop.loop_task = nullptr;
     }
-    ctx->loop_running = 0;
-    TR_poster_semaphore(ctx->loop_sem);
-    on_loop_thread = is_thread_of(ctx->loop_task_finishing);
+    ctx->loop.loop_running = 0;
+    TR_poster_semaphore(ctx->loop.loop_sem);
+    on_loop_thread = is_thread_of(ctx->loop.loop_task_finishing);
   }
   if (!on_loop_thread)
     reap_finishing_loop(ctx);
@@ -97,12 +97,12 @@ int32_t kaloSetPeriodicFunction(KaloContext *context, KaloPeriodicFunction funct
     // A period of 0 ticks the loop on every frame; a negative or non-finite
     // one is refused.
     if (period == nullptr || !std::isfinite(*period) || *period < 0.0f ||
-        !kalo::round_loop_period(*period, ctx.controller_version, &rounded))
+        !kalo::round_loop_period(*period, ctx.link.controller_version, &rounded))
       return KALO_ERROR_INCORRECT_VALUE;
-    ctx.periodic_function = function;
-    ctx.loop_period_ticks = rounded.ticks;
-    ctx.periodic_user_data = user_data;
-    ctx.loop_period_us = rounded.period_us;
+    ctx.loop.periodic_function = function;
+    ctx.loop.loop_period_ticks = rounded.ticks;
+    ctx.loop.periodic_user_data = user_data;
+    ctx.loop.loop_period_us = rounded.period_us;
     *period = rounded.period_us / 1000000.0f;
     return KALO_NO_ERROR;
   });
@@ -117,26 +117,25 @@ int32_t kaloStartLoop(KaloContext *context) {
   int code = KALO_NO_ERROR;
   {
     ContextLock hold(ctx);
-    if (ctx->periodic_function == nullptr) {
+    if (ctx->loop.periodic_function == nullptr) {
       code = KALO_ERROR_NO_PERIODIC_FUNCTION;
     } else {
-      ctx->loop_running = 1;
-      if (ctx->loop_task != nullptr) {
+      ctx->loop.loop_running = 1;
+      if (ctx->loop.loop_task != nullptr) {
         code = KALO_ERROR_LOOP_ALREADY_STARTED;
-      } else if (is_thread_of(ctx->loop_task_finishing)) {
+      } else if (is_thread_of(ctx->loop.loop_task_finishing)) {
         // The function stopped and restarts its own loop: this thread goes on.
-        ctx->loop_task = ctx->loop_task_finishing;
-        ctx->loop_task_finishing = nullptr;
+        ctx->loop.loop_task = ctx->loop.loop_task_finishing;
+        ctx->loop.loop_task_finishing = nullptr;
       } else {
         // Ticks left over from an earlier loop must not fire the new one at once.
-        while (sem_trywait(&ctx->loop_sem->u.semaphore) == 0) {
-        }
+        kalo::drain(ctx->loop.loop_sem);
         // The new thread reads its own handle under the lock held here, so it
         // sees the identifier that the creation stores.
-        ctx->loop_task =
+        ctx->loop.loop_task =
             TR_creer_tache("LOOP", kalo::kTaskPriorityOffset, kalo::kLoopStackSize, _kaloLoop, ctx);
-        if (ctx->loop_task == nullptr) {
-          ctx->loop_running = 0;
+        if (ctx->loop.loop_task == nullptr) {
+          ctx->loop.loop_running = 0;
           code = KALO_ERROR_OUT_OF_MEMORY;
         }
       }
@@ -159,52 +158,54 @@ int32_t kaloStopLoop(KaloContext *context) {
 void *_kaloLoop(void *context) {
   auto *ctx = static_cast<KaloContext *>(context);
   for (;;) {
-    TR_attendre_semaphore(ctx->loop_sem);
+    TR_attendre_semaphore(ctx->loop.loop_sem);
     kalo::PeriodicFunction function;
     void *user_data;
     {
       ContextLock hold(ctx);
-      const bool still_the_loop = ctx->loop_running.load() != 0 && is_thread_of(ctx->loop_task);
+      const bool still_the_loop =
+          ctx->loop.loop_running.load() != 0 && is_thread_of(ctx->loop.loop_task);
       if (!still_the_loop) {
-        if (is_thread_of(ctx->loop_task)) {
-          ctx->loop_task_finishing = ctx->loop_task;
-          ctx->loop_task = nullptr;
+        if (is_thread_of(ctx->loop.loop_task)) {
+          ctx->loop.loop_task_finishing = ctx->loop.loop_task;
+          ctx->loop.loop_task = nullptr;
         }
         break;
       }
-      function = ctx->periodic_function;
-      user_data = ctx->periodic_user_data;
+      function = ctx->loop.periodic_function;
+      user_data = ctx->loop.periodic_user_data;
     }
     if (function == nullptr)
       continue;
 
     const uint64_t start = getTime(ctx);
-    ctx->loop_start_time = start;
-    ctx->in_periodic_function = 1;
+    ctx->loop.loop_start_time = start;
+    ctx->loop.in_periodic_function = 1;
     function(ctx, user_data);
     if (t_context_closed_by_function == ctx) {
       // The function closed the connection: the context is gone.
       t_context_closed_by_function = nullptr;
       return nullptr;
     }
-    ctx->in_periodic_function = 0;
+    ctx->loop.in_periodic_function = 0;
     const uint64_t duration = getTime(ctx) - start;
-    ctx->loop_start_time = duration;
+    ctx->loop.loop_start_time = duration;
 
     ContextLock hold(ctx);
-    const uint64_t allowed = kalo::allowed_call_us(ctx->time_step);
+    const uint64_t allowed = kalo::allowed_call_us(ctx->params.time_step);
     if (kalo::call_overran(duration, allowed)) {
-      ctx->loop_overrun = 1;
-      if ((ctx->debug_flags & 1u) != 0 && ctx->output_stream != nullptr) {
-        std::fprintf(ctx->output_stream, "Overrun de %d ms\n", kalo::overrun_ms(duration, allowed));
-        std::fflush(ctx->output_stream);
+      ctx->loop.loop_overrun = 1;
+      if ((ctx->params.debug_flags & 1u) != 0 && ctx->params.output_stream != nullptr) {
+        std::fprintf(ctx->params.output_stream, "Overrun de %d ms\n",
+                     kalo::overrun_ms(duration, allowed));
+        std::fflush(ctx->params.output_stream);
       }
     } else {
-      ctx->loop_overrun = 0;
+      ctx->loop.loop_overrun = 0;
     }
-    kalo::telemetry_periodic_call(ctx, start, duration, ctx->loop_overrun.load() != 0);
+    kalo::telemetry_periodic_call(ctx, start, duration, ctx->loop.loop_overrun.load() != 0);
   }
-  TR_poster_semaphore(ctx->loop_exited); // last access to the context
+  TR_poster_semaphore(ctx->loop.loop_exited); // last access to the context
   return nullptr;
 }
 

@@ -13,8 +13,8 @@ namespace {
 void reset_pointer_tracking(KaloContext *ctx) {
   if (!kalo::is_live(ctx))
     return;
-  ctx->mouse_words[0] = -1;
-  ctx->mouse_words[1] = -1;
+  ctx->mouse.words[0] = -1;
+  ctx->mouse.words[1] = -1;
 }
 
 } // namespace

@@ -46,93 +46,94 @@ void init_exchange_record(ExchangeRecord &r) {
 // could not be allocated (the caller releases what was).
 bool init_context(KaloContext *ctx, int session) {
   ctx->magic = kalo::kContextMagic;
-  ctx->session = session;
-  ctx->output_stream = stdout;
-  ctx->watchdog_period = 0.1f;
-  ctx->time_step = 0.1f;
-  ctx->max_linear_speed = 2.0f;
-  ctx->max_angular_speed = 6.2831855f;
-  ctx->current_force_factor = 1.0f;
-  set_null_pose(ctx->observation_frame_copy);
-  set_null_pose(ctx->base_frame_copy);
-  ctx->filter_disabled = 1;
-  ctx->mouse_previous_state = 0;
-  ctx->mouse_words[0] = -1;
-  ctx->mouse_words[1] = -1;
-  ctx->control_point_count = 1;
-  ctx->servo_point_count = 1;
-  ctx->axis_count = 6;
-  ctx->object_mass = kDefaultObjectMass;
-  ctx->controller_version = kInitialControllerVersion;
-  ctx->vm_default_mode = -1;
-  ctx->vm_default_mode_seen = -1;
-  ctx->vm_default_mode_copy = -1;
+  ctx->link.session = session;
+  ctx->params.output_stream = stdout;
+  ctx->params.watchdog_period = 0.1f;
+  ctx->params.time_step = 0.1f;
+  ctx->params.max_linear_speed = 2.0f;
+  ctx->params.max_angular_speed = 6.2831855f;
+  ctx->params.current_force_factor = 1.0f;
+  set_null_pose(ctx->params.observation_frame_copy);
+  set_null_pose(ctx->params.base_frame_copy);
+  ctx->servo.filter_disabled = 1;
+  ctx->mouse.previous_state = 0;
+  ctx->mouse.words[0] = -1;
+  ctx->mouse.words[1] = -1;
+  ctx->link.control_point_count = 1;
+  ctx->servo.point_count = 1;
+  ctx->link.axis_count = 6;
+  ctx->servo.object_mass = kDefaultObjectMass;
+  ctx->link.controller_version = kInitialControllerVersion;
+  ctx->vm.vm_default_mode = -1;
+  ctx->vm.vm_default_mode_seen = -1;
+  ctx->vm.vm_default_mode_copy = -1;
 
-  init_exchange_record(ctx->command_record);
-  init_exchange_record(ctx->state_record);
-  ctx->command_record.speed_factor = 1.0f;
-  ctx->command_record.force_factor = 1.0f;
-  ctx->command_record.control_point_count = 1;
-  ctx->command_record.axis_count_wire = 6;
-  ctx->state_record.traj_samples =
+  init_exchange_record(ctx->link.command_record);
+  init_exchange_record(ctx->link.state_record);
+  ctx->link.command_record.speed_factor = 1.0f;
+  ctx->link.command_record.force_factor = 1.0f;
+  ctx->link.command_record.control_point_count = 1;
+  ctx->link.command_record.axis_count_wire = 6;
+  ctx->link.state_record.traj_samples =
       static_cast<float(*)[7]>(std::calloc(kalo::kTrajSampleRoom, sizeof(float[7])));
 
-  ctx->speed_factor_target = MATD_creer(1, 1);
-  ctx->speed_factor_filtered = MATD_creer(1, 1);
-  ctx->speed_factor_cutoff = MATD_creer(1, 1);
-  ctx->object_inertia = MATD_creer(3, 3);
-  ctx->work_matrix4 = MATD_creer(4, 4);
-  ctx->work_matrix3 = MATD_creer(3, 3);
-  ctx->work_vect3 = VECT3_creer();
-  ctx->work_depl = DEPL_creer();
-  ctx->work_quat = QUAT_creer();
-  if (ctx->work_vect3 == nullptr || ctx->work_depl == nullptr || ctx->work_quat == nullptr)
+  ctx->servo.speed_factor_target = MATD_creer(1, 1);
+  ctx->servo.speed_factor_filtered = MATD_creer(1, 1);
+  ctx->servo.speed_factor_cutoff = MATD_creer(1, 1);
+  ctx->servo.object_inertia = MATD_creer(3, 3);
+  ctx->servo.work_matrix4 = MATD_creer(4, 4);
+  ctx->servo.work_matrix3 = MATD_creer(3, 3);
+  ctx->servo.work_vect3 = VECT3_creer();
+  ctx->servo.work_depl = DEPL_creer();
+  ctx->servo.work_quat = QUAT_creer();
+  if (ctx->servo.work_vect3 == nullptr || ctx->servo.work_depl == nullptr ||
+      ctx->servo.work_quat == nullptr)
     return false;
-  if (ctx->state_record.traj_samples == nullptr || ctx->speed_factor_target == nullptr ||
-      ctx->speed_factor_filtered == nullptr || ctx->speed_factor_cutoff == nullptr ||
-      ctx->object_inertia == nullptr || ctx->work_matrix4 == nullptr ||
-      ctx->work_matrix3 == nullptr)
+  if (ctx->link.state_record.traj_samples == nullptr || ctx->servo.speed_factor_target == nullptr ||
+      ctx->servo.speed_factor_filtered == nullptr || ctx->servo.speed_factor_cutoff == nullptr ||
+      ctx->servo.object_inertia == nullptr || ctx->servo.work_matrix4 == nullptr ||
+      ctx->servo.work_matrix3 == nullptr)
     return false;
-  ctx->speed_factor_target->donnees[0] = 1.0;
-  ctx->speed_factor_cutoff->donnees[0] = 0.5;
+  ctx->servo.speed_factor_target->donnees[0] = 1.0;
+  ctx->servo.speed_factor_cutoff->donnees[0] = 0.5;
   const double inertia = 2.0 * kDefaultObjectMass * 0.3352 / 5.0;
   for (int i = 0; i < 3; ++i)
-    ctx->object_inertia->donnees[i * 3 + i] = inertia;
+    ctx->servo.object_inertia->donnees[i * 3 + i] = inertia;
   return true;
 }
 
 bool create_semaphores(KaloContext *ctx) {
   ctx->lock = TR_creer_semaphore_mutex();
-  ctx->reply_sem = TR_creer_semaphore_synchro();
-  ctx->loop_sem = TR_creer_semaphore_synchro();
-  ctx->traj_sample_sem = TR_creer_semaphore_synchro();
-  ctx->button_sem = TR_creer_semaphore_synchro();
-  ctx->upper_bound_sem = TR_creer_semaphore_synchro();
-  ctx->backend_exited = TR_creer_semaphore_synchro();
-  ctx->loop_exited = TR_creer_semaphore_synchro();
-  return ctx->lock != nullptr && ctx->reply_sem != nullptr && ctx->loop_sem != nullptr &&
-         ctx->traj_sample_sem != nullptr && ctx->button_sem != nullptr &&
-         ctx->upper_bound_sem != nullptr && ctx->backend_exited != nullptr &&
-         ctx->loop_exited != nullptr;
+  ctx->link.reply_sem = TR_creer_semaphore_synchro();
+  ctx->loop.loop_sem = TR_creer_semaphore_synchro();
+  ctx->link.traj_sample_sem = TR_creer_semaphore_synchro();
+  ctx->link.button_sem = TR_creer_semaphore_synchro();
+  ctx->link.upper_bound_sem = TR_creer_semaphore_synchro();
+  ctx->link.backend_exited = TR_creer_semaphore_synchro();
+  ctx->loop.loop_exited = TR_creer_semaphore_synchro();
+  return ctx->lock != nullptr && ctx->link.reply_sem != nullptr && ctx->loop.loop_sem != nullptr &&
+         ctx->link.traj_sample_sem != nullptr && ctx->link.button_sem != nullptr &&
+         ctx->link.upper_bound_sem != nullptr && ctx->link.backend_exited != nullptr &&
+         ctx->loop.loop_exited != nullptr;
 }
 
 // The per-control-point arrays, sized for the controller's count.
 bool allocate_point_arrays(KaloContext *ctx) {
-  int points = ctx->control_point_count;
+  int points = ctx->link.control_point_count;
   if (points < 1)
     points = 1;
   if (points > kPerPointArrayLimit)
     points = kPerPointArrayLimit;
   const auto n = static_cast<std::size_t>(points);
-  ctx->point_array_count = points;
-  ctx->gain_stiffness_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
-  ctx->gain_damping_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
-  ctx->scratch_speed = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
-  ctx->scratch_force = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
-  ctx->scratch_position = static_cast<float *>(std::calloc(n * 7, sizeof(float)));
-  return ctx->gain_stiffness_buffer != nullptr && ctx->gain_damping_buffer != nullptr &&
-         ctx->scratch_speed != nullptr && ctx->scratch_force != nullptr &&
-         ctx->scratch_position != nullptr;
+  ctx->servo.point_array_count = points;
+  ctx->servo.gain_stiffness_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->servo.gain_damping_buffer = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->servo.scratch_speed = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->servo.scratch_force = static_cast<float *>(std::calloc(n * 6, sizeof(float)));
+  ctx->servo.scratch_position = static_cast<float *>(std::calloc(n * 7, sizeof(float)));
+  return ctx->servo.gain_stiffness_buffer != nullptr && ctx->servo.gain_damping_buffer != nullptr &&
+         ctx->servo.scratch_speed != nullptr && ctx->servo.scratch_force != nullptr &&
+         ctx->servo.scratch_position != nullptr;
 }
 
 // Gives up an open before the exchange thread exists: nothing else runs on the
@@ -153,10 +154,10 @@ KaloContext *kaloOpen(const char *url) {
     kaloGlobalError = KALO_ERROR_OUT_OF_MEMORY;
     return nullptr;
   }
-  ctx->frame_received = 0;
+  ctx->link.frame_received = 0;
   ctx->error_code = KALO_NO_ERROR;
-  ctx->output_stream = stdout;
-  ctx->session = -1;
+  ctx->params.output_stream = stdout;
+  ctx->link.session = -1;
 
   kalo::ConnectionUrl parsed;
   if (!kalo::parse_connection_url(url, &parsed))
@@ -175,15 +176,15 @@ KaloContext *kaloOpen(const char *url) {
   init_asserv(ctx);
   init_filtres(ctx);
 
-  ctx->backend_stop = 0;
-  ctx->backend_task = TR_creer_tache("SYNC", kalo::kTaskPriorityOffset, kalo::kBackendStackSize,
-                                     _backendThread, ctx);
-  if (ctx->backend_task == nullptr)
+  ctx->link.backend_stop = 0;
+  ctx->link.backend_task = TR_creer_tache("SYNC", kalo::kTaskPriorityOffset,
+                                          kalo::kBackendStackSize, _backendThread, ctx);
+  if (ctx->link.backend_task == nullptr)
     return abandon_open(ctx, KALO_ERROR_OUT_OF_MEMORY);
 
   TR_delai(1.0);
-  const bool heard = ctx->frame_received.load() != 0;
-  ctx->connected = 1;
+  const bool heard = ctx->link.frame_received.load() != 0;
+  ctx->link.connected = 1;
   if (!heard) {
     kaloGlobalError = KALO_ERROR_COMMUNICATION;
     kaloClose(ctx);
@@ -224,9 +225,9 @@ int32_t kaloAPIVersion(int32_t *major, int32_t *minor) {
 int32_t kaloGetControlerVersion(KaloContext *context, int32_t *major, int32_t *minor) {
   return kalo::query_call(context, kalo::Field::controller_version, [&](KaloContext &ctx) {
     if (major != nullptr)
-      *major = ctx.state_record.controller_version[0];
+      *major = ctx.link.state_record.controller_version[0];
     if (minor != nullptr)
-      *minor = ctx.state_record.controller_version[1];
+      *minor = ctx.link.state_record.controller_version[1];
   });
 }
 
@@ -235,17 +236,17 @@ int32_t kaloGetDeviceID(KaloContext *context, int32_t *device_type, int32_t *ser
     return KALO_ERROR_INCOMPATIBLE_VERSION;
   return kalo::query_call(context, kalo::Field::device_id, [&](KaloContext &ctx) {
     if (device_type != nullptr)
-      *device_type = ctx.state_record.device_id[0];
+      *device_type = ctx.link.state_record.device_id[0];
     if (serial_number != nullptr)
-      *serial_number = ctx.state_record.device_id[1];
+      *serial_number = ctx.link.state_record.device_id[1];
   });
 }
 
 int32_t kaloDisableControlConnexion(KaloContext *context, int32_t disabled) {
   const int32_t result = kalo::locked_call(context, [&](KaloContext &ctx) {
-    ctx.control_connection_disabled = static_cast<uint32_t>(disabled);
-    ctx.command_record.control_connection_disabled = disabled;
-    kalo::post_field(ctx.command_record, kalo::Field::control_connection_disabled);
+    ctx.link.control_connection_disabled = static_cast<uint32_t>(disabled);
+    ctx.link.command_record.control_connection_disabled = disabled;
+    kalo::post_field(ctx.link.command_record, kalo::Field::control_connection_disabled);
     return KALO_NO_ERROR;
   });
   if (result != 0)
@@ -260,10 +261,10 @@ int32_t kaloDisableControlConnexion(KaloContext *context, int32_t disabled) {
 // said: every per-point walk and every command frame is sized by it.
 int32_t kaloGetRobotNumberOfControlPoints(KaloContext *context) {
   return kalo::locked_call(context, [](KaloContext &ctx) {
-    int32_t n = ctx.state_record.control_point_count;
+    int32_t n = ctx.link.state_record.control_point_count;
     n = n < 0 ? 0 : (n > kalo::kControlPointRoom ? kalo::kControlPointRoom : n);
-    ctx.control_point_count = n;
-    ctx.command_record.control_point_count = n;
+    ctx.link.control_point_count = n;
+    ctx.link.command_record.control_point_count = n;
     return KALO_NO_ERROR;
   });
 }
@@ -278,18 +279,19 @@ int32_t sendAPIVersion(KaloContext *context) {
   }
   int asked = -1;
   for (int attempt = 0; attempt < kHandshakeAttempts && asked != 0; ++attempt)
-    asked = kaloGetControlerVersion(context, &context->controller_version_major,
-                                    &context->controller_version_minor);
+    asked = kaloGetControlerVersion(context, &context->link.controller_version_major,
+                                    &context->link.controller_version_minor);
   if (asked != 0)
     return -1;
-  context->controller_version = static_cast<float>(context->controller_version_major) +
-                                static_cast<float>(context->controller_version_minor) / 100.0f;
-  if (context->controller_version_major < kOldestMajorTold)
+  context->link.controller_version =
+      static_cast<float>(context->link.controller_version_major) +
+      static_cast<float>(context->link.controller_version_minor) / 100.0f;
+  if (context->link.controller_version_major < kOldestMajorTold)
     return -1;
   return kalo::locked_call(context, [&](KaloContext &ctx) {
-    ctx.command_record.api_version[0] = major;
-    ctx.command_record.api_version[1] = minor;
-    kalo::post_field(ctx.command_record, kalo::Field::api_version);
+    ctx.link.command_record.api_version[0] = major;
+    ctx.link.command_record.api_version[1] = minor;
+    kalo::post_field(ctx.link.command_record, kalo::Field::api_version);
     return KALO_NO_ERROR;
   });
 }

@@ -9,7 +9,7 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
@@ -17,21 +17,21 @@
 namespace {
 
 // A value the context keeps and a getter returns.
-template <class T> int read_value(KaloContext *ctx, T *out, T KaloContext::*member) {
+template <class T> int read_value(KaloContext *ctx, T *out, T kalo::Parameters::*member) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (out == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *out = c.*member;
+    *out = c.params.*member;
     return KALO_NO_ERROR;
   });
 }
 
 // A finite, strictly positive float the context keeps.
-int set_positive(KaloContext *ctx, float value, float KaloContext::*member) {
+int set_positive(KaloContext *ctx, float value, float kalo::Parameters::*member) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (!kalo::finite_positive(value))
       return KALO_ERROR_INCORRECT_VALUE;
-    c.*member = value;
+    c.params.*member = value;
     return KALO_NO_ERROR;
   });
 }
@@ -43,30 +43,30 @@ int send_floats(KaloContext *ctx, const float *values, float (ExchangeRecord::*m
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_or_refused(values, static_cast<int>(N)) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.*member, values, sizeof(float) * N);
-    kalo::post_field(c.command_record, field);
+    std::memcpy(c.link.command_record.*member, values, sizeof(float) * N);
+    kalo::post_field(c.link.command_record, field);
     return KALO_NO_ERROR;
   });
 }
 
 // A frame the context remembers and sends; refused (9) unless its quaternion is a unit one.
 int send_frame(KaloContext *ctx, const float *frame, float (ExchangeRecord::*member)[7],
-               kalo::Field field, float (KaloContext::*copy)[7]) {
+               kalo::Field field, float (kalo::Parameters::*copy)[7]) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (kalo::finite_or_refused(frame, 7) != 0 || test_deplacement_valide(frame) == 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.*member, frame, sizeof(float) * 7);
-    std::memcpy(c.*copy, frame, sizeof(float) * 7);
-    kalo::post_field(c.command_record, field);
+    std::memcpy(c.link.command_record.*member, frame, sizeof(float) * 7);
+    std::memcpy(c.params.*copy, frame, sizeof(float) * 7);
+    kalo::post_field(c.link.command_record, field);
     return KALO_NO_ERROR;
   });
 }
 
-int read_frame(KaloContext *ctx, float *frame, float (KaloContext::*copy)[7]) {
+int read_frame(KaloContext *ctx, float *frame, float (kalo::Parameters::*copy)[7]) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (frame == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(frame, c.*copy, sizeof(float) * 7);
+    std::memcpy(frame, c.params.*copy, sizeof(float) * 7);
     return KALO_NO_ERROR;
   });
 }
@@ -79,8 +79,9 @@ int query_gains(KaloContext *ctx, float *out, kalo::Field field) {
   }
   return kalo::query_call(ctx, field, [&](KaloContext &c) {
     std::memcpy(out,
-                field == kalo::Field::simulation_stiffness ? c.state_record.simulation_stiffness
-                                                           : c.state_record.simulation_damping,
+                field == kalo::Field::simulation_stiffness
+                    ? c.link.state_record.simulation_stiffness
+                    : c.link.state_record.simulation_damping,
                 sizeof(float) * 6);
   });
 }
@@ -98,11 +99,11 @@ uint32_t wall_clock_us_low32() {
 extern "C" {
 
 int32_t kaloSetTimeStep(KaloContext *context, float step) {
-  return set_positive(context, step, &KaloContext::time_step);
+  return set_positive(context, step, &kalo::Parameters::time_step);
 }
 
 int32_t kaloGetTimeStep(KaloContext *context, float *step) {
-  return read_value(context, step, &KaloContext::time_step);
+  return read_value(context, step, &kalo::Parameters::time_step);
 }
 
 int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age) {
@@ -112,7 +113,7 @@ int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age) {
       return KALO_ERROR_INCORRECT_VALUE;
     // Wrapping arithmetic; a difference in the upper half of the range is a
     // stamp newer than the reading (a frame came in meanwhile): age 0.
-    const uint32_t difference = now - static_cast<uint32_t>(c.state_record.time_stamp);
+    const uint32_t difference = now - static_cast<uint32_t>(c.link.state_record.time_stamp);
     *age = difference < 0x80000000u ? difference : 0u;
     return KALO_NO_ERROR;
   });
@@ -120,8 +121,8 @@ int32_t kaloGetTimeLastUpdate(KaloContext *context, uint32_t *age) {
 
 int32_t getMaxSpeed(KaloContext *context) {
   return kalo::query_call(context, kalo::Field::max_speed, [](KaloContext &c) {
-    c.max_linear_speed = c.state_record.max_speed[0];
-    c.max_angular_speed = c.state_record.max_speed[1];
+    c.params.max_linear_speed = c.link.state_record.max_speed[0];
+    c.params.max_angular_speed = c.link.state_record.max_speed[1];
   });
 }
 
@@ -131,11 +132,11 @@ int32_t kaloSetSpeedFactor(KaloContext *context, float factor) {
       return KALO_ERROR_INCORRECT_VALUE;
     // In command type 3 the controller takes the factor at once; elsewhere the
     // smoothing filter walks towards it and kaloSetPosition sends the steps.
-    if (c.active_command_type.load() == 3) {
-      c.command_record.speed_factor = factor;
-      kalo::post_field(c.command_record, kalo::Field::speed_factor);
+    if (c.command.active_command_type.load() == 3) {
+      c.link.command_record.speed_factor = factor;
+      kalo::post_field(c.link.command_record, kalo::Field::speed_factor);
     } else {
-      c.speed_factor_target->donnees[0] = static_cast<double>(factor);
+      c.servo.speed_factor_target->donnees[0] = static_cast<double>(factor);
     }
     return KALO_NO_ERROR;
   });
@@ -145,15 +146,16 @@ int32_t kaloGetSpeedFactor(KaloContext *context, float *factor) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (factor == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *factor = static_cast<float>(c.speed_factor_target->donnees[0]);
+    *factor = static_cast<float>(c.servo.speed_factor_target->donnees[0]);
     return KALO_NO_ERROR;
   });
 }
 
 int32_t SendSpeedFactor(KaloContext *context) {
   return kalo::locked_call(context, [](KaloContext &c) {
-    c.command_record.speed_factor = static_cast<float>(c.speed_factor_filtered->donnees[0]);
-    kalo::post_field(c.command_record, kalo::Field::speed_factor);
+    c.link.command_record.speed_factor =
+        static_cast<float>(c.servo.speed_factor_filtered->donnees[0]);
+    kalo::post_field(c.link.command_record, kalo::Field::speed_factor);
     return KALO_NO_ERROR;
   });
 }
@@ -162,15 +164,15 @@ int32_t kaloSetForceFactor(KaloContext *context, float factor) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (!kalo::finite_positive(factor))
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.force_factor = factor;
-    kalo::post_field(c.command_record, kalo::Field::force_factor);
-    c.current_force_factor = factor;
+    c.link.command_record.force_factor = factor;
+    kalo::post_field(c.link.command_record, kalo::Field::force_factor);
+    c.params.current_force_factor = factor;
     return KALO_NO_ERROR;
   });
 }
 
 int32_t kaloGetForceFactor(KaloContext *context, float *factor) {
-  return read_value(context, factor, &KaloContext::current_force_factor);
+  return read_value(context, factor, &kalo::Parameters::current_force_factor);
 }
 
 int32_t kaloSetSimulationStiffness(KaloContext *context, const float *stiffness) {
@@ -193,11 +195,11 @@ int32_t kaloGetSimulationDamping(KaloContext *context, float *damping) {
 
 int32_t kaloSetObservationFrame(KaloContext *context, const float *frame) {
   return send_frame(context, frame, &ExchangeRecord::observation_frame,
-                    kalo::Field::observation_frame, &KaloContext::observation_frame_copy);
+                    kalo::Field::observation_frame, &kalo::Parameters::observation_frame_copy);
 }
 
 int32_t kaloGetObservationFrame(KaloContext *context, float *frame) {
-  return read_frame(context, frame, &KaloContext::observation_frame_copy);
+  return read_frame(context, frame, &kalo::Parameters::observation_frame_copy);
 }
 
 int32_t kaloSetObservationFrameSpeed(KaloContext *context, const float *twist) {
@@ -207,11 +209,11 @@ int32_t kaloSetObservationFrameSpeed(KaloContext *context, const float *twist) {
 
 int32_t kaloSetBaseFrame(KaloContext *context, const float *frame) {
   return send_frame(context, frame, &ExchangeRecord::base_frame, kalo::Field::base_frame,
-                    &KaloContext::base_frame_copy);
+                    &kalo::Parameters::base_frame_copy);
 }
 
 int32_t kaloGetBaseFrame(KaloContext *context, float *frame) {
-  return read_frame(context, frame, &KaloContext::base_frame_copy);
+  return read_frame(context, frame, &kalo::Parameters::base_frame_copy);
 }
 
 int32_t kaloSetCatchFrame(KaloContext *context, const float *frame) {
@@ -225,47 +227,47 @@ int32_t kaloSetCatchFrame(KaloContext *context, const float *frame) {
   }
   return kalo::locked_call(context, [&](KaloContext &c) {
     // Only point 0's object displacement is kept here; the others are only sent.
-    if (c.control_point_count >= 1 && c.servo != nullptr) {
-      DEPL *h = c.servo[0].H_rel;
+    if (c.link.control_point_count >= 1 && c.servo.points != nullptr) {
+      DEPL *h = c.servo.points[0].H_rel;
       DEPL_remplir_7_float(h, frame);
-      QUAT_normaliser(h->rot, c.work_quat);
+      QUAT_normaliser(h->rot, c.servo.work_quat);
       for (int k = 0; k < 3; ++k)
-        h->rot->partie_vect[k] = c.work_quat->partie_vect[k];
-      h->rot->partie_scal = c.work_quat->partie_scal;
+        h->rot->partie_vect[k] = c.servo.work_quat->partie_vect[k];
+      h->rot->partie_scal = c.servo.work_quat->partie_scal;
     }
-    const int32_t points = c.control_point_count < kalo::kControlPointRoom
-                               ? c.control_point_count
+    const int32_t points = c.link.control_point_count < kalo::kControlPointRoom
+                               ? c.link.control_point_count
                                : kalo::kControlPointRoom;
     if (points > 0)
-      std::memcpy(c.command_record.catch_frame, frame,
+      std::memcpy(c.link.command_record.catch_frame, frame,
                   sizeof(float) * 7 * static_cast<size_t>(points));
-    kalo::post_field(c.command_record, kalo::Field::catch_frame);
+    kalo::post_field(c.link.command_record, kalo::Field::catch_frame);
     return KALO_NO_ERROR;
   });
 }
 
 int32_t kaloGetCatchFrame(KaloContext *context, float *frame) {
   return kalo::locked_call(context, [&](KaloContext &c) {
-    if (c.control_point_count < 1 || c.servo == nullptr)
+    if (c.link.control_point_count < 1 || c.servo.points == nullptr)
       return KALO_NO_ERROR;
     if (frame == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    DEPL_vider_7_float(c.servo[0].H_rel, frame);
+    DEPL_vider_7_float(c.servo.points[0].H_rel, frame);
     return KALO_NO_ERROR;
   });
 }
 
 int32_t kaloSetTimeoutValue(KaloContext *context, float seconds) {
-  return set_positive(context, seconds, &KaloContext::watchdog_period);
+  return set_positive(context, seconds, &kalo::Parameters::watchdog_period);
 }
 
 int32_t kaloGetTimeoutValue(KaloContext *context, float *seconds) {
-  return read_value(context, seconds, &KaloContext::watchdog_period);
+  return read_value(context, seconds, &kalo::Parameters::watchdog_period);
 }
 
 int32_t kaloSetDebugFlags(KaloContext *context, uint32_t flags) {
   return kalo::locked_call(context, [&](KaloContext &c) {
-    c.debug_flags = flags;
+    c.params.debug_flags = flags;
     return KALO_NO_ERROR;
   });
 }
@@ -275,16 +277,16 @@ int32_t kaloSetOutputFile(KaloContext *context, const char *path) {
     FILE *opened = path != nullptr ? std::fopen(path, "w") : nullptr;
     // A stream this call opened earlier is closed when it is replaced, so that
     // switching files repeatedly leaks nothing.
-    if (c.opened_output != nullptr && c.output_stream == c.opened_output) {
-      std::fclose(c.opened_output);
-      c.output_stream = stdout;
+    if (c.params.opened_output != nullptr && c.params.output_stream == c.params.opened_output) {
+      std::fclose(c.params.opened_output);
+      c.params.output_stream = stdout;
     }
-    c.opened_output = opened;
+    c.params.opened_output = opened;
     if (opened == nullptr) {
-      c.output_stream = stdout;
+      c.params.output_stream = stdout;
       return KALO_ERROR_CONFIG_FILE_NOT_FOUND;
     }
-    c.output_stream = opened;
+    c.params.output_stream = opened;
     return KALO_NO_ERROR;
   });
 }

@@ -32,26 +32,26 @@ constexpr uint32_t kButtonCount = 16; // one bit each in item 22
 inline bool articular_refused(const KaloContext *ctx) {
   if (ctx == nullptr)
     return false;
-  const double v = static_cast<double>(ctx->controller_version);
+  const double v = static_cast<double>(ctx->link.controller_version);
   return !(v > 3.55 || v == 2.33);
 }
 
 // The failure word carries one bit per drive in 16 bits: no sign extension.
 inline uint32_t failure_word(const KaloContext &c) {
-  return static_cast<uint16_t>(c.state_record.failure);
+  return static_cast<uint16_t>(c.link.state_record.failure);
 }
 
 inline uint32_t button_state(const KaloContext &c, uint32_t button) {
   if (button < 1 || button > kButtonCount)
     return 0;
-  return (static_cast<uint16_t>(c.state_record.buttons) >> (button - 1)) & 1u;
+  return (static_cast<uint16_t>(c.link.state_record.buttons) >> (button - 1)) & 1u;
 }
 
 inline int status_bit(KaloContext *ctx, int bit, uint32_t *out) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (out == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *out = (static_cast<uint32_t>(c.state_record.alarm) >> bit) & 1u;
+    *out = (static_cast<uint32_t>(c.link.state_record.alarm) >> bit) & 1u;
     return 0;
   });
 }
@@ -67,7 +67,7 @@ int copy_state(KaloContext *ctx, float (ExchangeRecord::*member)[N], float *to) 
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (to == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(to, c.state_record.*member, sizeof(float) * N);
+    std::memcpy(to, c.link.state_record.*member, sizeof(float) * N);
     return 0;
   });
 }
@@ -80,8 +80,8 @@ int32_t read_joints(KaloContext *ctx, float *values,
   return kalo::locked_call(ctx, [&](KaloContext &c) {
     if (values == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(values, c.state_record.*member,
-                sizeof(float) * static_cast<size_t>(clamp_axes(c.axis_count)));
+    std::memcpy(values, c.link.state_record.*member,
+                sizeof(float) * static_cast<size_t>(clamp_axes(c.link.axis_count)));
     return 0;
   });
 }
@@ -127,12 +127,12 @@ int32_t kaloWaitPressButton(KaloContext *context, uint32_t button) {
   {
     kalo::ContextLock hold(context);
     const uint32_t now = button_state(*context, button);
-    context->wait_button = button;
-    context->button_now = now;
-    context->button_previous = now;
-    context->wait_armed = 1;
+    context->link.wait_button = button;
+    context->link.button_now = now;
+    context->link.button_previous = now;
+    context->link.wait_armed = 1;
   }
-  const int result = TR_attendre_semaphore(context->button_sem) == 0 ? 0 : -1;
+  const int result = TR_attendre_semaphore(context->link.button_sem) == 0 ? 0 : -1;
   if (guard.cancelled())
     return -1;
   return result;
@@ -142,13 +142,13 @@ int32_t CheckPressButton(KaloContext *context) {
   if (!kalo::enter(context))
     return -1;
   uint32_t now = 0;
-  kaloGetButton(context, context->wait_button, &now);
-  context->button_now = now;
-  if (context->wait_armed != 0 && now == 1 && context->button_previous == 0) {
-    context->wait_armed = 0;
-    TR_poster_semaphore(context->button_sem);
+  kaloGetButton(context, context->link.wait_button, &now);
+  context->link.button_now = now;
+  if (context->link.wait_armed != 0 && now == 1 && context->link.button_previous == 0) {
+    context->link.wait_armed = 0;
+    TR_poster_semaphore(context->link.button_sem);
   }
-  context->button_previous = now;
+  context->link.button_previous = now;
   return 0;
 }
 
@@ -181,7 +181,7 @@ int32_t kaloGetError(KaloContext *context, uint32_t *failed) {
   {
     kalo::ContextLock hold(context);
     word = failure_word(*context);
-    out = context->output_stream;
+    out = context->params.output_stream;
   }
   *failed = 0;
   for (int drive = 1; drive <= kDriveCount; ++drive) {
@@ -207,7 +207,7 @@ int32_t kaloDisplayHardwareStatus(KaloContext *context) {
   {
     kalo::ContextLock hold(context);
     word = failure_word(*context);
-    out = context->output_stream;
+    out = context->params.output_stream;
   }
   std::fputs("\n****************** Diagnostic materiel ******************\n", out);
   for (int drive = 1; drive <= kDriveCount; ++drive) {
@@ -225,8 +225,8 @@ int32_t kaloGetAlarm(KaloContext *context, uint32_t *alarm) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (alarm == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *alarm = (static_cast<uint32_t>(c.state_record.alarm) & kAlarmMask) |
-             (c.loop_overrun.load() << kLoopOverrunBit);
+    *alarm = (static_cast<uint32_t>(c.link.state_record.alarm) & kAlarmMask) |
+             (c.loop.loop_overrun.load() << kLoopOverrunBit);
     return 0;
   });
 }
@@ -235,7 +235,7 @@ int32_t kaloIsInBounds(KaloContext *context, uint32_t *bounds) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (bounds == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *bounds = static_cast<uint32_t>(c.state_record.alarm) & kBoundsMask;
+    *bounds = static_cast<uint32_t>(c.link.state_record.alarm) & kBoundsMask;
     return 0;
   });
 }
@@ -244,8 +244,8 @@ int32_t kaloGetTrackball(KaloContext *context, uint32_t *x, uint32_t *y) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (x == nullptr || y == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *x = static_cast<uint32_t>(c.state_record.trackball_buttons[1]);
-    *y = static_cast<uint32_t>(c.state_record.trackball_buttons[2]);
+    *x = static_cast<uint32_t>(c.link.state_record.trackball_buttons[1]);
+    *y = static_cast<uint32_t>(c.link.state_record.trackball_buttons[2]);
     return 0;
   });
 }
@@ -255,7 +255,7 @@ int32_t kaloGetTrackballButton(KaloContext *context, uint32_t *a, uint32_t *b, u
   return kalo::locked_call(context, [&](KaloContext &k) {
     if (a == nullptr || b == nullptr || c == nullptr || d == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    const int32_t *t = k.state_record.trackball_buttons;
+    const int32_t *t = k.link.state_record.trackball_buttons;
     *a = static_cast<uint32_t>(t[0]);
     *b = static_cast<uint32_t>(t[3]);
     *c = static_cast<uint32_t>(t[4]);
@@ -268,7 +268,7 @@ int32_t kaloGetADC(KaloContext *context, int32_t index, float *value) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (index < 1 || index > 3 || value == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *value = c.state_record.field_66[index - 1];
+    *value = c.link.state_record.field_66[index - 1];
     return 0;
   });
 }
@@ -277,7 +277,7 @@ int32_t kaloGetTorInputs(KaloContext *context, uint32_t *inputs) {
   return kalo::gated_call(context, 5.59, [&](KaloContext &c) {
     if (inputs == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *inputs = static_cast<uint32_t>(c.state_record.tor_inputs);
+    *inputs = static_cast<uint32_t>(c.link.state_record.tor_inputs);
     return 0;
   });
 }
@@ -297,9 +297,9 @@ int32_t kaloGetMouseState(KaloContext *context, int32_t *state, float *x, float 
   if (state == nullptr || x == nullptr || y == nullptr)
     return -1;
   kalo::ContextLock hold(context);
-  *state = context->state_record.mouse_state.state;
-  *x = context->state_record.mouse_state.x;
-  *y = context->state_record.mouse_state.y;
+  *state = context->link.state_record.mouse_state.state;
+  *x = context->link.state_record.mouse_state.x;
+  *y = context->link.state_record.mouse_state.y;
   return 0;
 }
 
@@ -313,9 +313,9 @@ int32_t kaloGetCenterSphere(KaloContext *context, float centre[7]) {
 
 int32_t kaloGetNumberOfAxes(KaloContext *context) {
   return kalo::locked_call(context, [](KaloContext &c) {
-    const int32_t n = clamp_axes(c.state_record.axis_count_wire);
-    c.axis_count = n;
-    c.command_record.axis_count_wire = n;
+    const int32_t n = clamp_axes(c.link.state_record.axis_count_wire);
+    c.link.axis_count = n;
+    c.link.command_record.axis_count_wire = n;
     return 0;
   });
 }
@@ -324,7 +324,7 @@ int32_t kaloGetNbAxes(KaloContext *context, uint32_t *count) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (count == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *count = static_cast<uint32_t>(c.state_record.axis_count_wire);
+    *count = static_cast<uint32_t>(c.link.state_record.axis_count_wire);
     return 0;
   });
 }
@@ -341,7 +341,7 @@ int32_t kaloGetArticularPositionOfAdditionalAxe(KaloContext *context, float *val
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (value == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *value = c.state_record.additional_axis_position;
+    *value = c.link.state_record.additional_axis_position;
     return 0;
   });
 }
@@ -350,7 +350,7 @@ int32_t kaloGetArticularSpeedOfAdditionalAxe(KaloContext *context, float *value)
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (value == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    *value = c.state_record.additional_axis_speed;
+    *value = c.link.state_record.additional_axis_speed;
     return 0;
   });
 }

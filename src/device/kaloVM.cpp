@@ -8,6 +8,7 @@
 #include "device/call_frame.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
+#include "realtime/timed_wait.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ constexpr int kNextSampleTimeoutMs = 500;
 // Runs work under the call frame once the command type is known to be 5.
 template <class Work> int vm_call(KaloContext *ctx, Work &&work) {
   return kalo::locked_call(ctx, [&](KaloContext &c) {
-    if (c.active_command_type != kVmCommandType)
+    if (c.command.active_command_type != kVmCommandType)
       return KALO_ERROR_WRONG_COMMAND_MODE;
     return work(c);
   });
@@ -35,7 +36,7 @@ template <class Work> int vm_call(KaloContext *ctx, Work &&work) {
 template <class Store> int vm_post(KaloContext *ctx, kalo::Field field, Store &&store) {
   return vm_call(ctx, [&](KaloContext &c) {
     store(c);
-    kalo::post_field(c.command_record, field);
+    kalo::post_field(c.link.command_record, field);
     return 0;
   });
 }
@@ -44,13 +45,13 @@ template <class Store> int vm_post(KaloContext *ctx, kalo::Field field, Store &&
 // 32 bytes (terminator included) is refused and nothing is sent.
 int spline_call(KaloContext *ctx, const char *name, kalo::Field field) {
   return vm_call(ctx, [&](KaloContext &c) {
-    if (c.vm_current_type != kSplineMechanism)
+    if (c.vm.vm_current_type != kSplineMechanism)
       return KALO_ERROR_INCORRECT_VM;
     if (name == nullptr || strnlen(name, kalo::kSplineNameRoom) >= kalo::kSplineNameRoom)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memset(c.command_record.spline_name, 0, sizeof c.command_record.spline_name);
-    std::memcpy(c.command_record.spline_name, name, std::strlen(name));
-    kalo::post_field(c.command_record, field);
+    std::memset(c.link.command_record.spline_name, 0, sizeof c.link.command_record.spline_name);
+    std::memcpy(c.link.command_record.spline_name, name, std::strlen(name));
+    kalo::post_field(c.link.command_record, field);
     return 0;
   });
 }
@@ -61,33 +62,34 @@ extern "C" {
 
 int32_t kaloVmActivate(KaloContext *context) {
   return vm_post(context, kalo::Field::vm_activate, [](KaloContext &c) {
-    c.vm_active = 1;
-    c.command_record.vm_activate = 1;
+    c.vm.vm_active = 1;
+    c.link.command_record.vm_activate = 1;
   });
 }
 
 int32_t kaloVmDeactivate(KaloContext *context) {
   return vm_post(context, kalo::Field::vm_activate, [](KaloContext &c) {
-    c.vm_active = 0;
-    c.command_record.vm_activate = 0;
+    c.vm.vm_active = 0;
+    c.link.command_record.vm_activate = 0;
   });
 }
 
 int32_t kaloVmSetType(KaloContext *context, uint32_t type) {
   return vm_post(context, kalo::Field::vm_type, [&](KaloContext &c) {
-    c.vm_current_type = type;
-    c.command_record.vm_type = static_cast<char>(type);
+    c.vm.vm_current_type = type;
+    c.link.command_record.vm_type = static_cast<char>(type);
   });
 }
 
 int32_t kaloVmSetBaseFrame(KaloContext *context, const float frame[7]) {
   return vm_call(context, [&](KaloContext &c) {
-    if (c.command_type_set != 1)
+    if (c.command.command_type_set != 1)
       return KALO_ERROR_WRONG_MOMENT;
     if (kalo::finite_or_refused(frame, 7) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.vm_base_frame, frame, sizeof c.command_record.vm_base_frame);
-    kalo::post_field(c.command_record, kalo::Field::vm_base_frame);
+    std::memcpy(c.link.command_record.vm_base_frame, frame,
+                sizeof c.link.command_record.vm_base_frame);
+    kalo::post_field(c.link.command_record, kalo::Field::vm_base_frame);
     return 0;
   });
 }
@@ -98,7 +100,7 @@ int32_t kaloVmGetBaseFrame(KaloContext *context, float frame[7]) {
       }) != 0)
     return -1;
   return kalo::query_call(context, kalo::Field::vm_base_frame, [&](KaloContext &c) {
-    std::memcpy(frame, c.state_record.vm_base_frame, sizeof c.state_record.vm_base_frame);
+    std::memcpy(frame, c.link.state_record.vm_base_frame, sizeof c.link.state_record.vm_base_frame);
   });
 }
 
@@ -106,9 +108,9 @@ int32_t kaloVmSetMinArtiBounds(KaloContext *context, const float bounds[10]) {
   return vm_call(context, [&](KaloContext &c) {
     if (kalo::finite_or_refused(bounds, 10) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.vm_min_arti_bounds, bounds,
-                sizeof c.command_record.vm_min_arti_bounds);
-    kalo::post_field(c.command_record, kalo::Field::vm_min_arti_bounds);
+    std::memcpy(c.link.command_record.vm_min_arti_bounds, bounds,
+                sizeof c.link.command_record.vm_min_arti_bounds);
+    kalo::post_field(c.link.command_record, kalo::Field::vm_min_arti_bounds);
     return 0;
   });
 }
@@ -117,24 +119,24 @@ int32_t kaloVmSetMaxArtiBounds(KaloContext *context, const float bounds[10]) {
   return vm_call(context, [&](KaloContext &c) {
     if (kalo::finite_or_refused(bounds, 10) != 0)
       return KALO_ERROR_INCORRECT_VALUE;
-    std::memcpy(c.command_record.vm_max_arti_bounds, bounds,
-                sizeof c.command_record.vm_max_arti_bounds);
-    kalo::post_field(c.command_record, kalo::Field::vm_max_arti_bounds);
+    std::memcpy(c.link.command_record.vm_max_arti_bounds, bounds,
+                sizeof c.link.command_record.vm_max_arti_bounds);
+    kalo::post_field(c.link.command_record, kalo::Field::vm_max_arti_bounds);
     return 0;
   });
 }
 
 int32_t kaloVmSetDefaultToCartesianPosition(KaloContext *context) {
   return vm_post(context, kalo::Field::vm_default_mode, [](KaloContext &c) {
-    c.command_record.vm_default_mode = 0;
-    c.vm_default_mode_copy = 0;
+    c.link.command_record.vm_default_mode = 0;
+    c.vm.vm_default_mode_copy = 0;
   });
 }
 
 int32_t kaloVmSetDefaultToTransparentMode(KaloContext *context) {
   return vm_post(context, kalo::Field::vm_default_mode, [](KaloContext &c) {
-    c.command_record.vm_default_mode = 1;
-    c.vm_default_mode_copy = 1;
+    c.link.command_record.vm_default_mode = 1;
+    c.vm.vm_default_mode_copy = 1;
   });
 }
 
@@ -144,7 +146,7 @@ int32_t kaloVmSetBaseFrameToCurrentFrame(KaloContext *context) {
 
 int32_t kaloVmSetRobotMode(KaloContext *context, uint32_t mode) {
   return vm_post(context, kalo::Field::vm_robot_mode, [&](KaloContext &c) {
-    c.command_record.vm_robot_mode = static_cast<int32_t>(mode);
+    c.link.command_record.vm_robot_mode = static_cast<int32_t>(mode);
   });
 }
 
@@ -167,13 +169,12 @@ int32_t kaloVmStartTrajSampling(KaloContext *context, int32_t count) {
   return vm_call(context, [&](KaloContext &c) {
     if (count < 1 || count > kMaxTrajSamples)
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.traj_sample_count = count;
-    c.state_record.traj_sample_count = count;
-    c.traj_requested = count;
-    c.state_record.list_index = 0;
-    while (TR_tester_semaphore(c.traj_sample_sem) == 0) {
-    }
-    kalo::post_field(c.command_record, kalo::Field::traj_sample_count);
+    c.link.command_record.traj_sample_count = count;
+    c.link.state_record.traj_sample_count = count;
+    c.vm.traj_requested = count;
+    c.link.state_record.list_index = 0;
+    kalo::drain(c.link.traj_sample_sem);
+    kalo::post_field(c.link.command_record, kalo::Field::traj_sample_count);
     return 0;
   });
 }
@@ -188,14 +189,14 @@ int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples) {
   int32_t count = 0;
   int32_t received = 0;
   const int checked = vm_call(context, [&](KaloContext &c) {
-    if (c.vm_current_type != kSplineMechanism)
+    if (c.vm.vm_current_type != kSplineMechanism)
       return KALO_ERROR_INCORRECT_VM;
     if (samples == nullptr)
       return KALO_ERROR_INCORRECT_VALUE;
-    count = c.traj_requested < 0
+    count = c.vm.traj_requested < 0
                 ? 0
-                : (c.traj_requested > kMaxTrajSamples ? kMaxTrajSamples : c.traj_requested);
-    received = c.state_record.list_index;
+                : (c.vm.traj_requested > kMaxTrajSamples ? kMaxTrajSamples : c.vm.traj_requested);
+    received = c.link.state_record.list_index;
     return 0;
   });
   if (checked != 0 || guard.cancelled())
@@ -203,29 +204,30 @@ int32_t kaloVmGetTrajSamples(KaloContext *context, float *samples) {
 
   // The exchange thread signals each frame that carried a sample.
   if (received < count) {
-    if (!kalo::timed_wait(context->traj_sample_sem, kFirstSampleTimeoutMs) || guard.cancelled())
+    if (!kalo::wait_posted(context->link.traj_sample_sem, kFirstSampleTimeoutMs) ||
+        guard.cancelled())
       return -1;
-    for (int32_t i = 1; i < count && context->waits_cancelled.load() == 0; ++i)
-      if (!kalo::timed_wait(context->traj_sample_sem, kNextSampleTimeoutMs))
+    for (int32_t i = 1; i < count && context->lifetime.waits_cancelled.load() == 0; ++i)
+      if (!kalo::wait_posted(context->link.traj_sample_sem, kNextSampleTimeoutMs))
         break;
     if (guard.cancelled())
       return -1;
   }
 
   kalo::ContextLock hold(context);
-  if (context->state_record.traj_samples != nullptr)
-    std::memcpy(samples, context->state_record.traj_samples,
+  if (context->link.state_record.traj_samples != nullptr)
+    std::memcpy(samples, context->link.state_record.traj_samples,
                 sizeof(float) * 7 * static_cast<size_t>(count));
   return 0;
 }
 
 int32_t kaloVmWaitUpperBound(KaloContext *context) {
   const int posted = vm_call(context, [](KaloContext &c) {
-    if (c.vm_current_type > kSplineMechanism)
+    if (c.vm.vm_current_type > kSplineMechanism)
       return KALO_ERROR_INCORRECT_VM;
-    if (c.vm_active == 0)
+    if (c.vm.vm_active == 0)
       return KALO_ERROR_WRONG_MOMENT;
-    kalo::post_field(c.command_record, kalo::Field::vm_wait_upper_bound);
+    kalo::post_field(c.link.command_record, kalo::Field::vm_wait_upper_bound);
     return 0;
   });
   if (posted != 0)
@@ -233,7 +235,7 @@ int32_t kaloVmWaitUpperBound(KaloContext *context) {
   kalo::WaitGuard guard(context); // kaloClose ends the wait (-1, code 2)
   if (guard.cancelled())
     return -1;
-  const int result = TR_attendre_semaphore(context->upper_bound_sem);
+  const int result = TR_attendre_semaphore(context->link.upper_bound_sem);
   if (guard.cancelled())
     return -1;
   return result;

@@ -8,7 +8,7 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 
@@ -17,34 +17,34 @@ namespace {
 // In command type 5 the gains of the newly attached point go to the
 // controller with the attach (fields 2 and 3).
 void send_point_gains(KaloContext &c, int32_t point) {
-  if (c.active_command_type.load() != 5 || point >= kalo::kControlPointRoom)
+  if (c.command.active_command_type.load() != 5 || point >= kalo::kControlPointRoom)
     return;
   float k[6];
   float b[6];
   lecture_gains(&c, k, b, point);
-  std::memcpy(c.command_record.simulation_stiffness + 6 * point, k, sizeof k);
-  std::memcpy(c.command_record.simulation_damping + 6 * point, b, sizeof b);
-  kalo::post_field(c.command_record, kalo::Field::simulation_stiffness);
-  kalo::post_field(c.command_record, kalo::Field::simulation_damping);
+  std::memcpy(c.link.command_record.simulation_stiffness + 6 * point, k, sizeof k);
+  std::memcpy(c.link.command_record.simulation_damping + 6 * point, b, sizeof b);
+  kalo::post_field(c.link.command_record, kalo::Field::simulation_stiffness);
+  kalo::post_field(c.link.command_record, kalo::Field::simulation_damping);
 }
 
 // Marks the attach; the next kaloSetPosition completes the hand-shake.
 void record_attach(KaloContext &c, int32_t point, bool avatar) {
   if (avatar)
-    c.command_record.avatar_attached = 1;
+    c.link.command_record.avatar_attached = 1;
   else
-    c.command_record.vo_attached = 1;
-  c.attach_pending = 1;
-  c.attached_object_count = point + 1;
+    c.link.command_record.vo_attached = 1;
+  c.vm.attach_pending = 1;
+  c.vm.attached_object_count = point + 1;
 }
 
 // The point the next attach uses, or -1 (no error recorded) when every point
 // has an object. Code 17 below command type 2.
 int attach_point(KaloContext &c, int32_t *point) {
-  if (c.active_command_type.load() < 2)
+  if (c.command.active_command_type.load() < 2)
     return KALO_ERROR_WRONG_COMMAND_MODE;
-  const int32_t i = c.attached_object_count;
-  *point = i >= 0 && i < c.control_point_count && i < kalo::points_in_use(c) ? i : -1;
+  const int32_t i = c.vm.attached_object_count;
+  *point = i >= 0 && i < c.link.control_point_count && i < kalo::points_in_use(c) ? i : -1;
   return KALO_NO_ERROR;
 }
 
@@ -66,8 +66,8 @@ int attach(KaloContext *ctx, bool avatar, Check &&check, SetGains &&set_gains) {
   }
   if (i < 0)
     return -1;
-  set_gains(ctx->servo[i], i);
-  ctx->servo[i].object_attached = 1;
+  set_gains(ctx->servo.points[i], i);
+  ctx->servo.points[i].object_attached = 1;
   send_point_gains(*ctx, i);
   record_attach(*ctx, i, avatar);
   return 0;
@@ -92,8 +92,8 @@ int attach_with_mass(KaloContext *ctx, const float *inertia, float mass, bool av
 // set-point resets the object displacements.
 int detach(KaloContext *ctx, kalo::Field field) {
   const int result = kalo::locked_call(ctx, [&](KaloContext &c) {
-    c.command_record.vo_attached = 0;
-    kalo::post_field(c.command_record, field);
+    c.link.command_record.vo_attached = 0;
+    kalo::post_field(c.link.command_record, field);
     return KALO_NO_ERROR;
   });
   if (result != 0)
@@ -101,22 +101,23 @@ int detach(KaloContext *ctx, kalo::Field field) {
   int32_t points;
   {
     kalo::ContextLock hold(ctx);
-    if (ctx->gain_stiffness_buffer == nullptr || ctx->gain_damping_buffer == nullptr)
+    if (ctx->servo.gain_stiffness_buffer == nullptr || ctx->servo.gain_damping_buffer == nullptr)
       return 0;
     points = kalo::points_in_use(*ctx);
-    const auto floats = static_cast<size_t>(6 * ctx->point_array_count);
-    std::memset(ctx->gain_stiffness_buffer, 0, sizeof(float) * floats);
-    std::memset(ctx->gain_damping_buffer, 0, sizeof(float) * floats);
+    const auto floats = static_cast<size_t>(6 * ctx->servo.point_array_count);
+    std::memset(ctx->servo.gain_stiffness_buffer, 0, sizeof(float) * floats);
+    std::memset(ctx->servo.gain_damping_buffer, 0, sizeof(float) * floats);
     for (int32_t i = 0; i < points; ++i)
-      ecriture_gains(ctx, ctx->gain_stiffness_buffer + 6 * i, ctx->gain_damping_buffer + 6 * i, i);
+      ecriture_gains(ctx, ctx->servo.gain_stiffness_buffer + 6 * i,
+                     ctx->servo.gain_damping_buffer + 6 * i, i);
   }
-  kaloSetSimulationStiffness(ctx, ctx->gain_stiffness_buffer);
-  kaloSetSimulationDamping(ctx, ctx->gain_damping_buffer);
+  kaloSetSimulationStiffness(ctx, ctx->servo.gain_stiffness_buffer);
+  kaloSetSimulationDamping(ctx, ctx->servo.gain_damping_buffer);
   float ignored[6];
   kaloGetSimulationStiffness(ctx, ignored);
   kalo::ContextLock hold(ctx);
-  ctx->detach_pending = 1;
-  ctx->attached_object_count = 0;
+  ctx->vm.detach_pending = 1;
+  ctx->vm.attached_object_count = 0;
   return 0;
 }
 
@@ -163,8 +164,8 @@ int32_t kaloModifGains(KaloContext *context) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return -1;
   }
-  float *k = context->gain_stiffness_buffer;
-  float *b = context->gain_damping_buffer;
+  float *k = context->servo.gain_stiffness_buffer;
+  float *b = context->servo.gain_damping_buffer;
   if (k == nullptr || b == nullptr)
     return -1;
   int32_t points;
@@ -188,23 +189,23 @@ int32_t kaloModifGains(KaloContext *context) {
 int32_t kaloGetForce(KaloContext *context, float *force) {
   if (!kalo::enter(context))
     return -1;
-  const uint32_t type = context->active_command_type.load();
+  const uint32_t type = context->command.active_command_type.load();
   if (type <= 1 || type == 3) {
     context->error_code = KALO_ERROR_WRONG_COMMAND_MODE;
     return -1;
   }
-  kaloGetPosition(context, context->scratch_position);
-  kaloGetSpeed(context, context->scratch_speed);
+  kaloGetPosition(context, context->servo.scratch_position);
+  kaloGetSpeed(context, context->servo.scratch_speed);
   int32_t count;
   int32_t points;
   bool gains_to_send = false;
   {
     kalo::ContextLock hold(context);
-    count = context->control_point_count;
+    count = context->link.control_point_count;
     points = kalo::points_in_use(*context);
     // With one control point, point 0's gains go to the controller once the
     // arm has reached the object (poses agree within the servo's tolerances).
-    if (points > 0 && context->servo[0].object_attached != 0)
+    if (points > 0 && context->servo.points[0].object_attached != 0)
       gains_to_send = count == (erreur_position(context, 0) == 0 ? 1 : 0);
   }
   if (count == 0) {
@@ -215,7 +216,7 @@ int32_t kaloGetForce(KaloContext *context, float *force) {
     return 0;
   if (gains_to_send && kaloModifGains(context) == 0) {
     kalo::ContextLock hold(context);
-    context->servo[0].object_attached = 0;
+    context->servo.points[0].object_attached = 0;
   }
   if (force == nullptr && points > 0) {
     context->error_code = KALO_ERROR_INCORRECT_VALUE;
@@ -250,9 +251,9 @@ int32_t kaloSaturateTorque(KaloContext *context, float a, float b) {
   return kalo::locked_call(context, [&](KaloContext &c) {
     if (!kalo::finite_positive(a) || !kalo::finite_positive(b))
       return KALO_ERROR_INCORRECT_VALUE;
-    c.command_record.torque_saturation[0] = a;
-    c.command_record.torque_saturation[1] = b;
-    kalo::post_field(c.command_record, kalo::Field::torque_saturation);
+    c.link.command_record.torque_saturation[0] = a;
+    c.link.command_record.torque_saturation[1] = b;
+    kalo::post_field(c.link.command_record, kalo::Field::torque_saturation);
     return KALO_NO_ERROR;
   });
 }

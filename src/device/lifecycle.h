@@ -2,9 +2,27 @@
 // by opening, closing and the periodic loop. Internal to the library.
 #pragma once
 
-#include "device/context.h"
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+#include "kalo/kalo_realtime.h"
+
+struct KaloContext;
 
 namespace kalo {
+
+// The close's hold on the library waits, part of KaloContext
+// (device/context.h). Threads inside a library wait (button, upper bound,
+// trajectory samples, queries; see kalo::WaitGuard) are counted: kaloClose
+// sets waits_cancelled, wakes them and frees nothing until the count is back
+// to 0. close_claimed makes a second close of the same handle a refusal.
+struct Lifetime {
+  std::atomic<uint32_t> waiters;
+  std::atomic<uint32_t> waits_cancelled;
+  std::atomic<uint32_t> close_claimed;
+  std::atomic<std::thread::id> closing_thread; // the thread inside kaloClose
+};
 
 // Stack sizes of the library's threads (raised by the task layer in sanitizer
 // builds, whose runtimes need far deeper stacks).

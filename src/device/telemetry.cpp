@@ -28,15 +28,15 @@ uint64_t since(uint64_t now, uint64_t base) {
 
 // The exchange thread's row of the running recording, if any.
 void record_exchange(KaloContext *ctx, bool answered) {
-  Telemetry &t = ctx->telemetry;
+  Telemetry &t = ctx->link.telemetry;
   Recorder *r = t.recorder.load(std::memory_order_seq_cst);
   if (r == nullptr)
     return;
   RecordRow *row = r->claim();
   if (row == nullptr)
     return;
-  const ExchangeRecord &s = ctx->state_record;
-  const ExchangeRecord &c = ctx->command_record;
+  const ExchangeRecord &s = ctx->link.state_record;
+  const ExchangeRecord &c = ctx->link.command_record;
   row->frame = relaxed(t.counts[kStateFrames]);
   row->arrival_us = relaxed(t.last_arrival_us);
   row->interarrival_us = relaxed(t.last_interarrival_us);
@@ -81,7 +81,7 @@ uint64_t connection_number(Telemetry &t) {
 }
 
 void telemetry_state_frame(KaloContext *ctx) {
-  Telemetry &t = ctx->telemetry;
+  Telemetry &t = ctx->link.telemetry;
   const uint64_t now = monotonic_us();
   connection_number(t);
   bump(t.counts[kStateFrames]);
@@ -100,9 +100,10 @@ void telemetry_state_frame(KaloContext *ctx) {
     }
   }
 
-  if (!carries(ctx->state_record, Field::time_stamp))
+  if (!carries(ctx->link.state_record, Field::time_stamp))
     return;
-  const StampTracker::Outcome o = t.stamps.add(static_cast<uint32_t>(ctx->state_record.time_stamp));
+  const StampTracker::Outcome o =
+      t.stamps.add(static_cast<uint32_t>(ctx->link.state_record.time_stamp));
   if (o.duplicate)
     bump(t.counts[kDuplicated]);
   if (o.lost != 0)
@@ -117,7 +118,7 @@ void telemetry_state_frame(KaloContext *ctx) {
 }
 
 void telemetry_cycle_end(KaloContext *ctx, bool answered) {
-  Telemetry &t = ctx->telemetry;
+  Telemetry &t = ctx->link.telemetry;
   if (answered)
     bump(t.counts[kCommandFrames]);
   if (!t.frame_this_cycle)
@@ -130,8 +131,8 @@ void telemetry_cycle_end(KaloContext *ctx, bool answered) {
 
 void telemetry_periodic_call(KaloContext *ctx, uint64_t start_us, uint64_t duration_us,
                              bool overran) {
-  Telemetry &t = ctx->telemetry;
-  const double period = static_cast<double>(ctx->loop_period_us.load());
+  Telemetry &t = ctx->link.telemetry;
+  const double period = static_cast<double>(ctx->loop.loop_period_us.load());
   if (t.previous_call_start_us != 0 &&
       static_cast<double>(start_us - t.previous_call_start_us) > 1.5 * period)
     bump(t.counts[kLateCalls]);
@@ -145,18 +146,20 @@ void telemetry_periodic_call(KaloContext *ctx, uint64_t start_us, uint64_t durat
 }
 
 void telemetry_coupling_force(KaloContext *ctx, const float *wrench) {
-  std::memcpy(ctx->telemetry.coupling_force, wrench, sizeof ctx->telemetry.coupling_force);
+  std::memcpy(ctx->link.telemetry.coupling_force, wrench,
+              sizeof ctx->link.telemetry.coupling_force);
 }
 
 double seconds_since_last_frame(KaloContext *ctx) {
-  const uint64_t last = ctx->telemetry.last_arrival_us.load(std::memory_order_relaxed);
-  const uint64_t from = last != 0 ? last : ctx->telemetry.since_us.load(std::memory_order_relaxed);
+  const uint64_t last = ctx->link.telemetry.last_arrival_us.load(std::memory_order_relaxed);
+  const uint64_t from =
+      last != 0 ? last : ctx->link.telemetry.since_us.load(std::memory_order_relaxed);
   return static_cast<double>(since(monotonic_us(), from)) * 1e-6;
 }
 
 void telemetry_release(KaloContext *ctx) {
-  std::lock_guard<std::mutex> hold(ctx->telemetry.recording_mutex);
-  stop_recording(ctx->telemetry);
+  std::lock_guard<std::mutex> hold(ctx->link.telemetry.recording_mutex);
+  stop_recording(ctx->link.telemetry);
 }
 
 } // namespace kalo
@@ -166,7 +169,7 @@ namespace {
 using kalo::Telemetry;
 
 uint64_t link_value(const KaloContext *ctx, int k) {
-  const kalo::LinkCounters &l = ctx->link_counters;
+  const kalo::LinkCounters &l = ctx->link.link_counters;
   const std::atomic<uint64_t> *v[5] = {&l.frames_malformed, &l.frames_foreign,
                                        &l.frames_dropped_for_size, &l.items_rejected,
                                        &l.hellos_resent};
@@ -178,7 +181,7 @@ uint32_t clamp32(uint64_t v) {
 }
 
 void fill(KaloContext *ctx, KaloExtLinkStatistics *s) {
-  Telemetry &t = ctx->telemetry;
+  Telemetry &t = ctx->link.telemetry;
   const uint64_t now = kalo::monotonic_us();
   uint64_t c[kalo::kCountKinds];
   for (int k = 0; k < kalo::kCountKinds; ++k)
@@ -262,8 +265,8 @@ int32_t kaloExtGetLinkStatistics(KaloContext *context, KaloExtLinkStatistics *st
   const uint32_t wanted = stats->size;
   KaloExtLinkStatistics full{};
   {
-    std::lock_guard<std::mutex> recording(context->telemetry.recording_mutex);
-    std::lock_guard<std::mutex> hold(context->telemetry.reader_mutex);
+    std::lock_guard<std::mutex> recording(context->link.telemetry.recording_mutex);
+    std::lock_guard<std::mutex> hold(context->link.telemetry.reader_mutex);
     fill(context, &full);
   }
   full.size = wanted < sizeof full ? wanted : static_cast<uint32_t>(sizeof full);
@@ -276,7 +279,7 @@ int32_t kaloExtResetLinkStatistics(KaloContext *context) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return -1;
   }
-  Telemetry &t = context->telemetry;
+  Telemetry &t = context->link.telemetry;
   std::lock_guard<std::mutex> hold(t.reader_mutex);
   for (int k = 0; k < kalo::kCountKinds; ++k)
     t.count_base[k] = t.counts[k].load(std::memory_order_relaxed);
@@ -296,7 +299,7 @@ int32_t kaloExtResetLinkStatistics(KaloContext *context) {
 int32_t kaloExtStartRecording(KaloContext *context, const char *path) {
   if (!kalo::enter(context))
     return -1;
-  Telemetry &t = context->telemetry;
+  Telemetry &t = context->link.telemetry;
   int32_t code = KALO_NO_ERROR;
   {
     std::lock_guard<std::mutex> hold(t.recording_mutex);
@@ -329,7 +332,7 @@ int32_t kaloExtStopRecording(KaloContext *context) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return -1;
   }
-  Telemetry &t = context->telemetry;
+  Telemetry &t = context->link.telemetry;
   std::lock_guard<std::mutex> hold(t.recording_mutex);
   if (t.recorder.load() == nullptr) {
     context->error_code = KALO_ERROR_INCORRECT_VALUE;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "kalo/kalo_realtime.h"
+#include "realtime/timed_wait.h"
 
 namespace {
 constexpr int32_t kKindSynchro = 0;
@@ -98,7 +99,7 @@ int TR_tester_semaphore(TR_SEMAPHORE *s) {
     return fail_with(EINVAL);
   if (s->kind == kKindMutex)
     return take_lock(s, false);
-  return sem_trywait(&s->u.semaphore);
+  return kalo::try_take(s) ? 0 : -1;
 }
 
 int TR_attendre_semaphore(TR_SEMAPHORE *s) {

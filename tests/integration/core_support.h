@@ -14,7 +14,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <semaphore.h>
 #include <string>
 #include <thread>
 
@@ -23,6 +22,7 @@
 #include "device/context.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
+#include "realtime/timed_wait.h"
 #include "simulator.h"
 
 namespace core_test {
@@ -93,24 +93,14 @@ using kalo_test::eventually;
 
 // Waits for a post of one of the context's counting semaphores.
 inline bool posted_within(TR_SEMAPHORE *s, std::chrono::milliseconds limit) {
-  timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  const auto ns =
-      deadline.tv_nsec + std::chrono::duration_cast<std::chrono::nanoseconds>(limit).count();
-  deadline.tv_sec += static_cast<time_t>(ns / 1000000000);
-  deadline.tv_nsec = static_cast<long>(ns % 1000000000);
-  while (sem_timedwait(&s->u.semaphore, &deadline) != 0) {
-    if (errno != EINTR)
-      return false;
-  }
-  return true;
+  return kalo::wait_posted(s, static_cast<int>(limit.count()));
 }
 
 // Marks a command field as the calls do.
 template <class Write> void mark(KaloContext *ctx, kalo::Field f, Write &&write) {
   kalo::ContextLock hold(ctx);
-  write(ctx->command_record);
-  kalo::post_field(ctx->command_record, f);
+  write(ctx->link.command_record);
+  kalo::post_field(ctx->link.command_record, f);
 }
 
 // Threads of this process.

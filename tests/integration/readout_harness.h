@@ -30,8 +30,8 @@ using kalo_test::eventually;
 // consult that memory, so the tests set it as kaloSetCommandType leaves it.
 inline void assume_command_type(KaloContext *ctx, uint32_t type) {
   kalo::ContextLock hold(ctx);
-  ctx->active_command_type = type;
-  ctx->command_type_set = 1;
+  ctx->command.active_command_type = type;
+  ctx->command.command_type_set = 1;
 }
 
 // Sends the context's diagnostics to a temporary file while alive.
@@ -39,13 +39,13 @@ class CapturedOutput {
 public:
   explicit CapturedOutput(KaloContext *ctx) : ctx_(ctx), file_(std::tmpfile()) {
     kalo::ContextLock hold(ctx_);
-    saved_ = ctx_->output_stream;
-    ctx_->output_stream = file_;
+    saved_ = ctx_->params.output_stream;
+    ctx_->params.output_stream = file_;
   }
   ~CapturedOutput() {
     {
       kalo::ContextLock hold(ctx_);
-      ctx_->output_stream = saved_;
+      ctx_->params.output_stream = saved_;
     }
     std::fclose(file_);
   }

@@ -102,10 +102,10 @@ TEST_F(CoreExchange, HelloFirstThenTheHandshakeAsksVersionAndSpeedsAndSendsOurVe
   EXPECT_TRUE(asked_version);
   EXPECT_TRUE(asked_speeds);
   EXPECT_TRUE(sent_version);
-  EXPECT_FLOAT_EQ(ctx->controller_version, 6.0f);
-  EXPECT_EQ(ctx->controller_version_major, 6);
-  EXPECT_FLOAT_EQ(ctx->max_linear_speed, 1.0f); // the simulator's, not the default 2.0
-  EXPECT_FLOAT_EQ(ctx->max_angular_speed, 3.14f);
+  EXPECT_FLOAT_EQ(ctx->link.controller_version, 6.0f);
+  EXPECT_EQ(ctx->link.controller_version_major, 6);
+  EXPECT_FLOAT_EQ(ctx->params.max_linear_speed, 1.0f); // the simulator's, not the default 2.0
+  EXPECT_FLOAT_EQ(ctx->params.max_angular_speed, 3.14f);
 }
 
 // Marked fields wait for a state frame to answer, then go out together in
@@ -167,7 +167,7 @@ TEST_F(CoreExchange, AQueryWithoutReplyTimesOutWithCode6AndTheNextOneWorks) {
 TEST_F(CoreExchange, DisablingTheControlConnectionIsSentAndConfirmedByARoundTrip) {
   for (const int32_t disabled : {1, 0}) {
     ASSERT_EQ(kaloDisableControlConnexion(ctx, disabled), 0);
-    EXPECT_EQ(ctx->control_connection_disabled, static_cast<uint32_t>(disabled));
+    EXPECT_EQ(ctx->link.control_connection_disabled, static_cast<uint32_t>(disabled));
     std::this_thread::sleep_for(20ms);
     bool flag_sent = false, stiffness_asked = false;
     for (const auto &f : sim().take_received()) {
@@ -186,29 +186,29 @@ TEST_F(CoreExchange, CountsAreTakenFromTheController) {
   sim().set_counts(1, 7);
   ASSERT_TRUE(eventually([&] {
     kalo::ContextLock hold(ctx);
-    return ctx->state_record.axis_count_wire == 7;
+    return ctx->link.state_record.axis_count_wire == 7;
   }));
   ASSERT_EQ(kaloGetNumberOfAxes(ctx), 0);
-  EXPECT_EQ(ctx->axis_count, 7);
+  EXPECT_EQ(ctx->link.axis_count, 7);
   ASSERT_EQ(kaloGetRobotNumberOfControlPoints(ctx), 0);
-  EXPECT_EQ(ctx->control_point_count, 1);
+  EXPECT_EQ(ctx->link.control_point_count, 1);
   sim().set_counts(1, 6);
   ASSERT_TRUE(eventually([&] {
     kalo::ContextLock hold(ctx);
-    return ctx->state_record.axis_count_wire == 6;
+    return ctx->link.state_record.axis_count_wire == 6;
   }));
   ASSERT_EQ(kaloGetNumberOfAxes(ctx), 0);
-  EXPECT_EQ(ctx->axis_count, 6);
+  EXPECT_EQ(ctx->link.axis_count, 6);
 }
 
 TEST_F(CoreExchange, UpperBoundAndTrajectorySampleWakeTheirWaiters) {
   sim().put_field(Field::vm_wait_upper_bound, {});
-  EXPECT_TRUE(posted_within(ctx->upper_bound_sem, 1000ms));
+  EXPECT_TRUE(posted_within(ctx->link.upper_bound_sem, 1000ms));
   sim().put_field(Field::traj_sample, {3, 0.1, 0.2, 0.3, 0, 0, 0, 1});
-  EXPECT_TRUE(posted_within(ctx->traj_sample_sem, 1000ms));
+  EXPECT_TRUE(posted_within(ctx->link.traj_sample_sem, 1000ms));
   kalo::ContextLock hold(ctx);
-  EXPECT_FLOAT_EQ(ctx->state_record.traj_samples[3][1], 0.2f);
-  EXPECT_FLOAT_EQ(ctx->state_record.traj_samples[3][6], 1.0f);
+  EXPECT_FLOAT_EQ(ctx->link.state_record.traj_samples[3][1], 0.2f);
+  EXPECT_FLOAT_EQ(ctx->link.state_record.traj_samples[3][6], 1.0f);
 }
 
 TEST_F(CoreExchange, AButtonPressWakesTheArmedWaiterOnce) {
@@ -216,46 +216,46 @@ TEST_F(CoreExchange, AButtonPressWakesTheArmedWaiterOnce) {
   std::this_thread::sleep_for(20ms);
   {
     kalo::ContextLock hold(ctx);
-    ctx->wait_button = 2;
-    ctx->wait_armed = 1;
+    ctx->link.wait_button = 2;
+    ctx->link.wait_armed = 1;
   }
   sim().set_button(2, true);
-  EXPECT_TRUE(posted_within(ctx->button_sem, 1000ms));
+  EXPECT_TRUE(posted_within(ctx->link.button_sem, 1000ms));
   kalo::ContextLock hold(ctx);
-  EXPECT_EQ(ctx->wait_armed, 0u);
+  EXPECT_EQ(ctx->link.wait_armed, 0u);
 }
 
 TEST_F(CoreExchange, ThePointerFieldActivatesAndDeactivatesTheEmulation) {
   {
     kalo::ContextLock hold(ctx);
-    ctx->mouse_words[0] = 5;
-    ctx->mouse_words[1] = 5;
+    ctx->mouse.words[0] = 5;
+    ctx->mouse.words[1] = 5;
   }
   sim().put_field(Field::mouse_state, {1, 0.25, 0.5, 0, 0});
   ASSERT_TRUE(eventually([&] {
     kalo::ContextLock hold(ctx);
-    return ctx->mouse_previous_state == 1;
+    return ctx->mouse.previous_state == 1;
   }));
   {
     kalo::ContextLock hold(ctx);
-    EXPECT_EQ(ctx->mouse_words[0], -1); // activation forgot the tracking
-    ctx->mouse_words[0] = 5;
+    EXPECT_EQ(ctx->mouse.words[0], -1); // activation forgot the tracking
+    ctx->mouse.words[0] = 5;
   }
   sim().put_field(Field::mouse_state, {0, 0, 0, 0, 0});
   ASSERT_TRUE(eventually([&] {
     kalo::ContextLock hold(ctx);
-    return ctx->mouse_previous_state == 0;
+    return ctx->mouse.previous_state == 0;
   }));
   kalo::ContextLock hold(ctx);
-  EXPECT_EQ(ctx->mouse_words[0], -1);
+  EXPECT_EQ(ctx->mouse.words[0], -1);
 }
 
 TEST_F(CoreExchange, TheSpeedFactorFilterStepsOncePerStateFrame) {
   {
     kalo::ContextLock hold(ctx);
-    ASSERT_EQ(ctx->filter_disabled.load(), 0u);
-    EXPECT_DOUBLE_EQ(ctx->speed_factor_filtered->donnees[0], 1.0); // at rest at the target
-    ctx->speed_factor_target->donnees[0] = 2.0;
+    ASSERT_EQ(ctx->servo.filter_disabled.load(), 0u);
+    EXPECT_DOUBLE_EQ(ctx->servo.speed_factor_filtered->donnees[0], 1.0); // at rest at the target
+    ctx->servo.speed_factor_target->donnees[0] = 2.0;
   }
   // A 0.5 Hz low-pass sampled at 1/1024 s: after 100 frames it has moved by
   // about 1 - exp(-2 pi 0.5 100 / 1024), some 26 % of the step.
@@ -263,10 +263,10 @@ TEST_F(CoreExchange, TheSpeedFactorFilterStepsOncePerStateFrame) {
   ASSERT_TRUE(sim().wait_for_frames_sent(sent + 100, 2000ms));
   std::this_thread::sleep_for(5ms);
   kalo::ContextLock hold(ctx);
-  const double moved = ctx->speed_factor_filtered->donnees[0] - 1.0;
+  const double moved = ctx->servo.speed_factor_filtered->donnees[0] - 1.0;
   EXPECT_GT(moved, 0.15);
   EXPECT_LT(moved, 0.6);
-  ctx->speed_factor_target->donnees[0] = 1.0;
+  ctx->servo.speed_factor_target->donnees[0] = 1.0;
 }
 
 TEST(CoreHandshake, AVersion2ControllerNeverReceivesOurVersion) {
@@ -275,7 +275,7 @@ TEST(CoreHandshake, AVersion2ControllerNeverReceivesOurVersion) {
   cfg.version_minor = 50;
   Link link(cfg);
   ASSERT_TRUE(link.open()) << kaloGlobalError;
-  EXPECT_FLOAT_EQ(link.ctx->controller_version, 2.5f);
+  EXPECT_FLOAT_EQ(link.ctx->link.controller_version, 2.5f);
   int32_t type = 0, serial = 0;
   EXPECT_EQ(kaloGetDeviceID(link.ctx, &type, &serial), KALO_ERROR_INCOMPATIBLE_VERSION); // bare 20
   EXPECT_EQ(kaloGetErrorCode(link.ctx), 0); // nothing recorded by the open or the gate

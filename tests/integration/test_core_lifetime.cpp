@@ -41,8 +41,8 @@ TEST(CoreLifetime, OpenCloseCyclesLeaveNoThreadAndNoHeapBlockBehind) {
 // Starts the watchdog as an application could, through the context's handle.
 void start_watchdog(KaloContext *ctx) {
   kalo::ContextLock hold(ctx);
-  ctx->watchdog_task = TR_creer_tache("WDOG", 1, 18000, _watchdogCtlThread, ctx);
-  ASSERT_NE(ctx->watchdog_task, nullptr);
+  ctx->link.watchdog_task = TR_creer_tache("WDOG", 1, 18000, _watchdogCtlThread, ctx);
+  ASSERT_NE(ctx->link.watchdog_task, nullptr);
 }
 
 TEST(CoreLifetime, ASilentControllerUnderTheWatchdogTurnsCallsIntoCode2AndCloseStillReturns) {
@@ -89,9 +89,9 @@ TEST(CoreLifetime, AFailedSendDisconnectsAndTheApplicationsCloseReleasesEverythi
   Link link(sim_config());
   ASSERT_TRUE(link.open()) << kaloGlobalError;
   // From now on every send of the library fails (EPIPE); receiving goes on.
-  shutdown(link.ctx->session, SHUT_WR);
+  shutdown(link.ctx->link.session, SHUT_WR);
   mark(link.ctx, Field::outputs, [](ExchangeRecord &r) { r.outputs = 1; });
-  ASSERT_TRUE(eventually([&] { return link.ctx->connected.load() == 0; }, 1000ms));
+  ASSERT_TRUE(eventually([&] { return link.ctx->link.connected.load() == 0; }, 1000ms));
   EXPECT_EQ(kaloGetRobotNumberOfControlPoints(link.ctx), -1);
   EXPECT_EQ(kaloGetErrorCode(link.ctx), KALO_ERROR_COMMUNICATION);
 

@@ -33,14 +33,14 @@ double calls_per_frame(std::chrono::microseconds frame_period) {
   uint64_t frames0;
   {
     kalo::ContextLock hold(link.ctx);
-    frames0 = link.ctx->frames_received;
+    frames0 = link.ctx->link.frames_received;
   }
   const int calls0 = calls.n.load();
   std::this_thread::sleep_for(1000ms);
   uint64_t frames1;
   {
     kalo::ContextLock hold(link.ctx);
-    frames1 = link.ctx->frames_received;
+    frames1 = link.ctx->link.frames_received;
   }
   const int calls1 = calls.n.load();
   EXPECT_EQ(kaloStopLoop(link.ctx), 0);

@@ -56,7 +56,7 @@ bool pose_follows(Link &link, float x, std::chrono::milliseconds limit = 1000ms)
 
 int32_t points_held(KaloContext *ctx) {
   kalo::ContextLock hold(ctx);
-  return std::max(ctx->control_point_count, ctx->command_record.control_point_count);
+  return std::max(ctx->link.control_point_count, ctx->link.command_record.control_point_count);
 }
 
 struct Hostile {
@@ -104,7 +104,7 @@ TEST(LinkFaults, HostileDatagramsCorruptNothingFromAnySender) {
       link.sim.take_received();
       EXPECT_EQ(kaloSetTexture(ctx, pose, &intensity, 0), 0);
       EXPECT_TRUE(link.sim.wait_for_frame_with(Field::texture, 1000ms));
-      EXPECT_EQ(ctx->link_counters.frames_dropped_for_size.load(), 0u);
+      EXPECT_EQ(ctx->link.link_counters.frames_dropped_for_size.load(), 0u);
       // And the stream goes on.
       x += 0.01f;
       EXPECT_TRUE(pose_follows(link, x));
@@ -201,11 +201,11 @@ TEST(LinkFaults, TheStreamSurvivesEveryFault) {
       link.sim.go_silent(2000ms);
       std::this_thread::sleep_for(2000ms);
       EXPECT_TRUE(pose_follows(link, 0.03f));
-      EXPECT_GE(ctx->link_counters.hellos_resent.load(), 2u);
+      EXPECT_GE(ctx->link.link_counters.hellos_resent.load(), 2u);
     } else if (fc.event == Event::restart) {
       link.sim.restart();
       EXPECT_TRUE(pose_follows(link, 0.03f));
-      EXPECT_GE(ctx->link_counters.hellos_resent.load(), 1u);
+      EXPECT_GE(ctx->link.link_counters.hellos_resent.load(), 1u);
       EXPECT_TRUE(link.sim.device().client);
     }
 

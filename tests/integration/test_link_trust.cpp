@@ -66,7 +66,7 @@ TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
   // The exchange thread counts frames under the context's lock.
   const auto frames_received = [ctx] {
     kalo::ContextLock hold(ctx);
-    return ctx->frames_received;
+    return ctx->link.frames_received;
   };
   const uint64_t frames_before = frames_received();
   int polls = 0;
@@ -75,7 +75,7 @@ TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
   while (std::chrono::steady_clock::now() < end) {
     {
       kalo::ContextLock hold(ctx);
-      const ExchangeRecord &s = ctx->state_record;
+      const ExchangeRecord &s = ctx->link.state_record;
       spoofed += s.position[0] == 100.0f || s.buttons == 0x7FFF || s.failure == 0x5555 ||
                  s.controller_version[0] == 99 || s.control_point_count != 1 ||
                  s.traj_sample_count == 3000;
@@ -92,9 +92,11 @@ TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
 
   EXPECT_EQ(spoofed, 0) << "of " << polls << " polls";
   EXPECT_GT(frames_received() - frames_before, 100u) << "the controller's stream went on";
-  EXPECT_TRUE(eventually([&] { return ctx->link_counters.frames_foreign.load() >= sent.load(); }))
-      << ctx->link_counters.frames_foreign.load() << " of " << sent.load() << " counted";
-  EXPECT_EQ(ctx->link_counters.items_rejected.load(), 0u);
+  EXPECT_TRUE(eventually([&] {
+    return ctx->link.link_counters.frames_foreign.load() >= sent.load();
+  })) << ctx->link.link_counters.frames_foreign.load()
+      << " of " << sent.load() << " counted";
+  EXPECT_EQ(ctx->link.link_counters.items_rejected.load(), 0u);
   int32_t major = 0, minor = 0;
   EXPECT_EQ(kaloGetControlerVersion(ctx, &major, &minor), 0);
   EXPECT_NE(major, 99);

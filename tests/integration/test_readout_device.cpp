@@ -36,9 +36,9 @@ TEST_F(Readout, StatusWordGivesAlarmBoundsShiftAndPower) {
   EXPECT_EQ(read_u32(kaloGetAlarm, ctx), (1u << 19) | (1u << 16) | (1u << 14));
   EXPECT_EQ(read_u32(kaloIsInBounds, ctx) & 0x3FC0u, 1u << 8);
 
-  ctx->loop_overrun = 1;
+  ctx->loop.loop_overrun = 1;
   EXPECT_EQ(read_u32(kaloGetAlarm, ctx) & (1u << 17), 1u << 17) << "a loop overrun is alarm bit 17";
-  ctx->loop_overrun = 0;
+  ctx->loop.loop_overrun = 0;
 
   sim->set_alarm(0);
   sim->set_power(false);
@@ -97,12 +97,12 @@ TEST_F(Readout, JointReadersFollowTheAxisCountTakenFromTheController) {
   sim->set_counts(1, 8);
   uint32_t n = 0;
   settle([&] { return kaloGetNbAxes(ctx, &n) == 0 && n == 8u; });
-  EXPECT_EQ(ctx->axis_count, 6) << "the count is adopted only by kaloGetNumberOfAxes";
+  EXPECT_EQ(ctx->link.axis_count, 6) << "the count is adopted only by kaloGetNumberOfAxes";
   got[6] = 99;
   EXPECT_EQ(kaloGetArticularSpeed(ctx, got), 0);
   EXPECT_EQ(got[6], 99.0f);
   EXPECT_EQ(kaloGetNumberOfAxes(ctx), 0);
-  EXPECT_EQ(ctx->axis_count, 8);
+  EXPECT_EQ(ctx->link.axis_count, 8);
   sim->set_joints(q, dq); // now carried with eight values
   settle([&] { return kaloGetArticularSpeed(ctx, got) == 0 && got[7] == -8.0f; });
 

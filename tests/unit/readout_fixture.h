@@ -33,25 +33,25 @@ struct FakeContext {
     KaloContext &c = *ctx;
     c.magic = kalo::kContextMagic;
     c.lock = TR_creer_semaphore_mutex();
-    c.reply_sem = TR_creer_semaphore_synchro();
-    c.traj_sample_sem = TR_creer_semaphore_synchro();
-    c.button_sem = TR_creer_semaphore_synchro();
-    c.upper_bound_sem = TR_creer_semaphore_synchro();
-    c.connected = 1;
-    c.controller_version = 6.0f;
-    c.control_point_count = 1;
-    c.axis_count = 6;
-    c.vm_default_mode_copy = -1;
-    c.state_record.traj_samples = samples.get();
-    c.output_stream = std::tmpfile();
+    c.link.reply_sem = TR_creer_semaphore_synchro();
+    c.link.traj_sample_sem = TR_creer_semaphore_synchro();
+    c.link.button_sem = TR_creer_semaphore_synchro();
+    c.link.upper_bound_sem = TR_creer_semaphore_synchro();
+    c.link.connected = 1;
+    c.link.controller_version = 6.0f;
+    c.link.control_point_count = 1;
+    c.link.axis_count = 6;
+    c.vm.vm_default_mode_copy = -1;
+    c.link.state_record.traj_samples = samples.get();
+    c.params.output_stream = std::tmpfile();
   }
   ~FakeContext() {
     KaloContext &c = *ctx;
-    for (TR_SEMAPHORE *s :
-         {c.lock, c.reply_sem, c.traj_sample_sem, c.button_sem, c.upper_bound_sem})
+    for (TR_SEMAPHORE *s : {c.lock, c.link.reply_sem, c.link.traj_sample_sem, c.link.button_sem,
+                            c.link.upper_bound_sem})
       TR_detruire_semaphore(s);
-    if (c.output_stream != nullptr)
-      std::fclose(c.output_stream);
+    if (c.params.output_stream != nullptr)
+      std::fclose(c.params.output_stream);
   }
   FakeContext(const FakeContext &) = delete;
   FakeContext &operator=(const FakeContext &) = delete;
@@ -61,7 +61,7 @@ struct FakeContext {
 
   // Everything written to the output stream so far.
   std::string output() {
-    FILE *f = ctx->output_stream;
+    FILE *f = ctx->params.output_stream;
     std::fflush(f);
     const long end = std::ftell(f);
     std::string text(static_cast<size_t>(end), '\0');
@@ -73,8 +73,8 @@ struct FakeContext {
   }
 
   // The identifiers marked for the next command frame.
-  std::string posted() const { return marked(ctx->command_record); }
-  void clear_posted() { kalo::clear_changes(ctx->command_record); }
+  std::string posted() const { return marked(ctx->link.command_record); }
+  void clear_posted() { kalo::clear_changes(ctx->link.command_record); }
 };
 
 } // namespace readout_test

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_spring.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "device/context.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_signal.h"
 
@@ -24,42 +24,42 @@ inline uint64_t fake_clock() {
 struct ServoContext {
   std::unique_ptr<KaloContext> ctx = std::make_unique<KaloContext>();
   explicit ServoContext(uint32_t debug_flags = 0) {
-    ctx->servo_point_count = 1;
-    ctx->control_point_count = 1;
-    ctx->time_step = 0.001f;
-    ctx->object_mass = 1.0;
-    ctx->object_inertia = MATD_identite(3);
-    MATD_mult_par_scalaire(ctx->object_inertia, ctx->object_inertia, 0.01);
-    ctx->max_linear_speed = 2.0f;
-    ctx->max_angular_speed = 6.2831853f;
-    ctx->speed_factor_target = MATD_creer(1, 1);
-    ctx->speed_factor_target->donnees[0] = 1.0;
-    ctx->speed_factor_filtered = MATD_creer(1, 1);
-    ctx->speed_factor_cutoff = MATD_creer(1, 1);
-    ctx->speed_factor_cutoff->donnees[0] = 0.5;
-    ctx->vm_default_mode = -1;
-    ctx->vm_default_mode_seen = -1;
-    ctx->debug_flags = debug_flags;
-    ctx->output_stream = std::tmpfile();
+    ctx->servo.point_count = 1;
+    ctx->link.control_point_count = 1;
+    ctx->params.time_step = 0.001f;
+    ctx->servo.object_mass = 1.0;
+    ctx->servo.object_inertia = MATD_identite(3);
+    MATD_mult_par_scalaire(ctx->servo.object_inertia, ctx->servo.object_inertia, 0.01);
+    ctx->params.max_linear_speed = 2.0f;
+    ctx->params.max_angular_speed = 6.2831853f;
+    ctx->servo.speed_factor_target = MATD_creer(1, 1);
+    ctx->servo.speed_factor_target->donnees[0] = 1.0;
+    ctx->servo.speed_factor_filtered = MATD_creer(1, 1);
+    ctx->servo.speed_factor_cutoff = MATD_creer(1, 1);
+    ctx->servo.speed_factor_cutoff->donnees[0] = 0.5;
+    ctx->vm.vm_default_mode = -1;
+    ctx->vm.vm_default_mode_seen = -1;
+    ctx->params.debug_flags = debug_flags;
+    ctx->params.output_stream = std::tmpfile();
     init_asserv(ctx.get());
     init_filtres(ctx.get());
     init_control_energie_cinetique(ctx.get());
-    ctx->servo[0].clock_us = fake_clock;
+    ctx->servo.points[0].clock_us = fake_clock;
   }
   ~ServoContext() {
     close_asserv(ctx.get());
-    TSIG_filtre_detruire(ctx->speed_factor_filter);
-    for (MATD *m : {ctx->object_inertia, ctx->speed_factor_target, ctx->speed_factor_filtered,
-                    ctx->speed_factor_cutoff})
+    TSIG_filtre_detruire(ctx->servo.speed_factor_filter);
+    for (MATD *m : {ctx->servo.object_inertia, ctx->servo.speed_factor_target,
+                    ctx->servo.speed_factor_filtered, ctx->servo.speed_factor_cutoff})
       MATD_detruire(m);
-    std::fclose(ctx->output_stream);
+    std::fclose(ctx->params.output_stream);
   }
   KaloContext *get() { return ctx.get(); }
-  ServoPoint &point() { return ctx->servo[0]; }
+  ServoPoint &point() { return ctx->servo.points[0]; }
 
   // Everything printed since the previous call.
   std::string take_output() {
-    std::FILE *f = ctx->output_stream;
+    std::FILE *f = ctx->params.output_stream;
     std::fflush(f);
     const long end = std::ftell(f);
     std::string text(static_cast<size_t>(end - consumed), '\0');

@@ -123,14 +123,14 @@ TEST(Wire, EachSetterMarksItsFieldsAndItsValueSurvivesTheCodec) {
     CommandContext f(w.type);
     KaloContext *c = f.get();
     if (w.refused_version > 0) {
-      c->controller_version = w.refused_version;
+      c->link.controller_version = w.refused_version;
       EXPECT_EQ(w.run(c), w.refusal);
       EXPECT_EQ(f.posted(), "");
-      c->controller_version = w.refused_version + 0.01f;
+      c->link.controller_version = w.refused_version + 0.01f;
     }
     ASSERT_EQ(w.run(c), 0);
     EXPECT_EQ(f.posted(), w.fields);
-    ExchangeRecord &sent = c->command_record;
+    ExchangeRecord &sent = c->link.command_record;
     sent.control_point_count = 1;
     sent.axis_count_wire = 6;
     unsigned char frame[kalo::kFrameCapacity];
@@ -178,13 +178,13 @@ TEST(SetPoints, StreamOpensOnceAndForcesGoThroughTheServoConversion) {
   const float fx[6] = {2, 0, 0, 0, 0, 0};
   ASSERT_EQ(kaloSetForce(c, fx), 0);
   EXPECT_EQ(f.posted(), "16,61");
-  EXPECT_FLOAT_EQ(c->command_record.force[0], 2.0f);
-  EXPECT_NEAR(std::fabs(c->command_record.force[4]), 0.2f, 1e-6f);
-  EXPECT_NEAR(c->command_record.force[3] + c->command_record.force[5], 0.0f, 1e-6f);
+  EXPECT_FLOAT_EQ(c->link.command_record.force[0], 2.0f);
+  EXPECT_NEAR(std::fabs(c->link.command_record.force[4]), 0.2f, 1e-6f);
+  EXPECT_NEAR(c->link.command_record.force[3] + c->link.command_record.force[5], 0.0f, 1e-6f);
   f.clear_posted();
   ASSERT_EQ(kaloSetForce(c, fx), 0);
   EXPECT_EQ(f.posted(), "16");
-  c->active_command_type = 6;
+  c->command.active_command_type = 6;
   f.clear_posted();
   ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
   EXPECT_EQ(f.posted(), "14");
@@ -196,7 +196,7 @@ TEST(SetPoints, PositionOutsideTheCouplingTypesIsSentAsGiven) {
   f.point().object_attached = 1;
   const float pose[7] = {0.1f, -0.2f, 0.3f, 0, 0, 0, 1};
   ASSERT_EQ(kaloSetPosition(c, pose), 0);
-  EXPECT_EQ(std::memcmp(c->command_record.position, pose, sizeof pose), 0);
+  EXPECT_EQ(std::memcmp(c->link.command_record.position, pose, sizeof pose), 0);
   EXPECT_EQ(f.point().object_attached, 0) << "command type 2 releases the object";
   EXPECT_EQ(f.posted(), "14,61") << "no power handling outside the coupling types";
 }
@@ -207,8 +207,8 @@ TEST(SetPoints, InvalidQuaternionGives9AndKeepsTheConnection) {
   const float bad[7] = {0, 0, 0, 0, 0, 0, 1.001f};
   EXPECT_EQ(kaloSetPosition(c, bad), -1);
   EXPECT_EQ(kaloGetErrorCode(c), 9);
-  EXPECT_EQ(c->connected.load(), 1u);
-  EXPECT_FALSE(kalo::carries(c->command_record, kalo::Field::position));
+  EXPECT_EQ(c->link.connected.load(), 1u);
+  EXPECT_FALSE(kalo::carries(c->link.command_record, kalo::Field::position));
 }
 
 TEST(SetPoints, SpeedOutsideTheCouplingTypesMarksTheFieldButStoresNothing) {
@@ -218,13 +218,13 @@ TEST(SetPoints, SpeedOutsideTheCouplingTypesMarksTheFieldButStoresNothing) {
     const float v[6] = {0.1f, 0.2f, 0.3f, 0, 0, 0};
     ASSERT_EQ(kaloSetSpeed(c, v), 0);
     EXPECT_EQ(f.posted(), "15");
-    for (float x : c->command_record.speed)
+    for (float x : c->link.command_record.speed)
       EXPECT_EQ(x, 0.0f) << "type " << type;
   }
   CommandContext f(4);
   const float v[6] = {0.1f, 0.2f, 0.3f, 0, 0, 0};
   ASSERT_EQ(kaloSetSpeed(f.get(), v), 0);
-  EXPECT_NEAR(f->command_record.speed[0], 0.1f, 1e-6f) << "stored in the coupling types";
+  EXPECT_NEAR(f->link.command_record.speed[0], 0.1f, 1e-6f) << "stored in the coupling types";
 }
 
 TEST(PowerHandling, FirstCouplingPositionSwitchesThePowerOnOnce) {
@@ -232,7 +232,7 @@ TEST(PowerHandling, FirstCouplingPositionSwitchesThePowerOnOnce) {
   KaloContext *c = f.get();
   ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
   EXPECT_EQ(f.posted(), "14,25,61");
-  EXPECT_EQ(c->command_record.power_on, 1);
+  EXPECT_EQ(c->link.command_record.power_on, 1);
   f.clear_posted();
   ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
   EXPECT_EQ(f.posted(), "14");
@@ -241,16 +241,16 @@ TEST(PowerHandling, FirstCouplingPositionSwitchesThePowerOnOnce) {
 TEST(PowerHandling, GuardTripCutsThePowerAndItReturnsAfterTenSecondsOfQuietCalls) {
   CommandContext f(4);
   KaloContext *c = f.get();
-  c->time_step = 0.01f;
+  c->params.time_step = 0.01f;
   ASSERT_EQ(kaloSetSpeed(c, kZero6), 0);
-  EXPECT_EQ(c->command_record.power_on, 1) << "power on with the first accepted set-point";
+  EXPECT_EQ(c->link.command_record.power_on, 1) << "power on with the first accepted set-point";
   EXPECT_EQ(f.point().speed_power_requested, 1);
 
   const float runaway[6] = {5, 0, 0, 0, 0, 0}; // far above the 1 m/s the device allows
   f.clear_posted();
   EXPECT_EQ(kaloSetSpeed(c, runaway), -1);
   EXPECT_EQ(kaloGetErrorCode(c), 12);
-  EXPECT_EQ(c->command_record.power_on, 0);
+  EXPECT_EQ(c->link.command_record.power_on, 0);
   EXPECT_EQ(f.posted(), "25") << "the refused speed itself is not sent";
 
   // Power not requested now: refusals only restart the 10 s count (1000 calls
@@ -262,7 +262,7 @@ TEST(PowerHandling, GuardTripCutsThePowerAndItReturnsAfterTenSecondsOfQuietCalls
     ASSERT_EQ(kaloSetSpeed(c, kZero6), 0);
     if (f.point().speed_power_wait == 1000)
       last_refusal = n;
-    if (c->command_record.power_on == 1)
+    if (c->link.command_record.power_on == 1)
       power_back = n;
   }
   ASSERT_GT(power_back, 0);
@@ -280,7 +280,7 @@ TEST(ObjectHandShakes, DetachRequestResetsTheObjectDisplacementsOnTheNextCouplin
   const float offset[7] = {0.1f, 0.2f, 0.3f, 0, 0, std::sqrt(0.5f), std::sqrt(0.5f)};
   DEPL_remplir_7_float(p.H_rel, offset);
   DEPL_remplir_7_float(p.X_offset, offset);
-  c->detach_pending = 1;
+  c->vm.detach_pending = 1;
   ASSERT_EQ(kaloSetPosition(c, kIdentity), 0);
   float h[7], x[7];
   DEPL_vider_7_float(p.H_rel, h);
@@ -289,9 +289,9 @@ TEST(ObjectHandShakes, DetachRequestResetsTheObjectDisplacementsOnTheNextCouplin
     EXPECT_EQ(h[k], kIdentity[k]);
     EXPECT_EQ(x[k], kIdentity[k]);
   }
-  EXPECT_EQ(c->detach_pending, 0u);
+  EXPECT_EQ(c->vm.detach_pending, 0u);
   EXPECT_EQ(p.object_reset, 1);
-  EXPECT_FALSE(kalo::carries(c->command_record, kalo::Field::power_on))
+  EXPECT_FALSE(kalo::carries(c->link.command_record, kalo::Field::power_on))
       << "no power request while detaching";
 }
 
@@ -310,9 +310,9 @@ TEST(Switches, RangesAndReadBacks) {
   ASSERT_EQ(kaloGetIndexingMode(c, &mode), 0);
   EXPECT_EQ(mode, 7u);
   ASSERT_EQ(kaloActiveSpeedControl(c, 1.5f, 2.5f), 0);
-  EXPECT_EQ(c->command_record.speed_control.mode, 1);
-  c->state_record.speed_control_state[0] = 1;
-  c->state_record.speed_control_state[1] = 0;
+  EXPECT_EQ(c->link.command_record.speed_control.mode, 1);
+  c->link.state_record.speed_control_state[0] = 1;
+  c->link.state_record.speed_control_state[1] = 0;
   int32_t first = -1, second = -1;
   EXPECT_EQ(kaloIsInSpeedControl(c, &first, &second), 0);
   EXPECT_EQ(first, 1);
@@ -375,7 +375,7 @@ TEST(Parameters, FramesAreCheckedAndRemembered) {
     EXPECT_NEAR(out[k], catch_frame[k], 1e-6f);
 
   // Without control points nothing is read back.
-  c->control_point_count = 0;
+  c->link.control_point_count = 0;
   float untouched[7] = {9, 9, 9, 9, 9, 9, 9};
   ASSERT_EQ(kaloGetCatchFrame(c, untouched), 0);
   for (float x : untouched)
@@ -385,17 +385,17 @@ TEST(Parameters, FramesAreCheckedAndRemembered) {
 TEST(Parameters, OutputFileFallsBackToStandardOutput) {
   CommandContext f;
   KaloContext *c = f.get();
-  FILE *captured = c->output_stream;
+  FILE *captured = c->params.output_stream;
   EXPECT_EQ(kaloSetOutputFile(c, "/nonexistent-dir/kalo.log"), -1);
   EXPECT_EQ(kaloGetErrorCode(c), 4);
-  EXPECT_EQ(c->output_stream, stdout);
+  EXPECT_EQ(c->params.output_stream, stdout);
 
   char first[] = "/tmp/kalo-output-XXXXXX";
   char second[] = "/tmp/kalo-output-XXXXXX";
   ASSERT_GE(mkstemp(first), 0);
   ASSERT_GE(mkstemp(second), 0);
   ASSERT_EQ(kaloSetOutputFile(c, first), 0);
-  c->debug_flags = 1;
+  c->params.debug_flags = 1;
   calcul_gains(c, kInertia, 0, 1.0f);
   // Switching files closes the one opened before (a leak otherwise).
   ASSERT_EQ(kaloSetOutputFile(c, second), 0);
@@ -405,8 +405,8 @@ TEST(Parameters, OutputFileFallsBackToStandardOutput) {
   ASSERT_NE(std::fgets(line, sizeof line, in), nullptr);
   EXPECT_EQ(std::string(line), "--------- object n 0 ---------\n");
   std::fclose(in);
-  std::fclose(c->output_stream);
-  c->output_stream = captured;
+  std::fclose(c->params.output_stream);
+  c->params.output_stream = captured;
   std::remove(first);
   std::remove(second);
 }
@@ -420,12 +420,12 @@ TEST(Parameters, AgeOfTheLastUpdateOnTheWallClock) {
   gettimeofday(&tv, nullptr);
   const uint32_t now =
       static_cast<uint32_t>(tv.tv_sec) * 1000000u + static_cast<uint32_t>(tv.tv_usec);
-  c->state_record.time_stamp = static_cast<int32_t>(now - 5000u);
+  c->link.state_record.time_stamp = static_cast<int32_t>(now - 5000u);
   uint32_t age = 0;
   ASSERT_EQ(kaloGetTimeLastUpdate(c, &age), 0);
   EXPECT_GE(age, 5000u);
   EXPECT_LT(age, 1005000u);
-  c->state_record.time_stamp = static_cast<int32_t>(now + 1000000u);
+  c->link.state_record.time_stamp = static_cast<int32_t>(now + 1000000u);
   ASSERT_EQ(kaloGetTimeLastUpdate(c, &age), 0);
   EXPECT_EQ(age, 0u);
 }
@@ -435,13 +435,13 @@ TEST(VirtualObjects, AttachChecksInOrderAndFillsThePointsInTurn) {
   KaloContext *c = f.get();
   EXPECT_EQ(kaloAttachVO(c, kInertia, 0.0f), -1);
   EXPECT_EQ(kaloGetErrorCode(c), 17) << "the command type is checked before the mass";
-  c->active_command_type = 4;
+  c->command.active_command_type = 4;
   EXPECT_EQ(kaloAttachVO(c, kInertia, 0.0f), -1);
   EXPECT_EQ(kaloGetErrorCode(c), 9);
   ASSERT_EQ(kaloAttachVO(c, kInertia, 2.0f), 0);
-  EXPECT_EQ(c->attach_pending, 1u);
-  EXPECT_EQ(c->attached_object_count, 1);
-  EXPECT_EQ(c->command_record.vo_attached, 1);
+  EXPECT_EQ(c->vm.attach_pending, 1u);
+  EXPECT_EQ(c->vm.attached_object_count, 1);
+  EXPECT_EQ(c->link.command_record.vo_attached, 1);
   EXPECT_EQ(f.point().object_attached, 1);
   EXPECT_EQ(f.posted(), "") << "the next position set-point completes the attach";
   // Gains from the mass and the time step (the translational half is second).
@@ -460,13 +460,13 @@ TEST(VirtualObjects, CommandTypeFiveSendsTheGainsWithTheAttach) {
   const float b[6] = {0.1f, 0.2f, 0.3f, 4, 5, 6};
   ASSERT_EQ(kaloAttachQSVO(c, k, b), 0);
   EXPECT_EQ(f.posted(), "2,3");
-  EXPECT_EQ(c->command_record.send_request, 3u);
+  EXPECT_EQ(c->link.command_record.send_request, 3u);
   // On the wire the translational gains come first.
   const float wire_k[6] = {400, 500, 600, 1, 2, 3};
   const float wire_b[6] = {4, 5, 6, 0.1f, 0.2f, 0.3f};
   for (int j = 0; j < 6; ++j) {
-    EXPECT_EQ(c->command_record.simulation_stiffness[j], wire_k[j]);
-    EXPECT_EQ(c->command_record.simulation_damping[j], wire_b[j]);
+    EXPECT_EQ(c->link.command_record.simulation_stiffness[j], wire_k[j]);
+    EXPECT_EQ(c->link.command_record.simulation_damping[j], wire_b[j]);
   }
 }
 
@@ -480,7 +480,7 @@ TEST(VirtualObjects, CouplingForcePullsTheObjectBackToTheArm) {
   // Object 1 cm along x, turned 0.02 rad about z.
   const float half = 0.01f;
   const float object[7] = {0.01f, 0, 0, 0, 0, std::sin(half), std::cos(half)};
-  c->attach_pending = 0;
+  c->vm.attach_pending = 0;
   ASSERT_EQ(kaloSetPosition(c, object), 0);
   ASSERT_EQ(kaloSetSpeed(c, kZero6), 0);
   float w[6];
@@ -490,7 +490,7 @@ TEST(VirtualObjects, CouplingForcePullsTheObjectBackToTheArm) {
   EXPECT_NEAR(w[2], 0.0f, 1e-4f);
   EXPECT_NEAR(w[5], -0.04f, 0.005f);
   f.clear_posted();
-  c->active_command_type = 3;
+  c->command.active_command_type = 3;
   EXPECT_EQ(kaloGetForce(c, w), -1);
   EXPECT_EQ(kaloGetErrorCode(c), 17);
 }

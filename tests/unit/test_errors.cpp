@@ -17,13 +17,13 @@ struct FakeContext {
   FakeContext() {
     ctx->magic = kalo::kContextMagic;
     ctx->lock = TR_creer_semaphore_mutex();
-    ctx->reply_sem = TR_creer_semaphore_synchro();
-    ctx->connected = 1;
-    ctx->controller_version = 6.0f;
+    ctx->link.reply_sem = TR_creer_semaphore_synchro();
+    ctx->link.connected = 1;
+    ctx->link.controller_version = 6.0f;
   }
   ~FakeContext() {
     TR_detruire_semaphore(ctx->lock);
-    TR_detruire_semaphore(ctx->reply_sem);
+    TR_detruire_semaphore(ctx->link.reply_sem);
   }
   KaloContext *get() { return ctx.get(); }
 };
@@ -80,10 +80,10 @@ TEST(CallFrame, ChecksComeInOrderAndErrorsLandWhereTheyBelong) {
   EXPECT_EQ(f.ctx->error_code.load(), 0u);
   f.ctx->magic = kalo::kContextMagic;
 
-  f.ctx->connected = 0;
+  f.ctx->link.connected = 0;
   EXPECT_EQ(kalo::locked_call(f.get(), ok), -1);
   EXPECT_EQ(f.ctx->error_code.load(), 2u);
-  f.ctx->connected = 1;
+  f.ctx->link.connected = 1;
 
   EXPECT_EQ(kalo::locked_call(f.get(), [](KaloContext &) { return 9; }), -1);
   EXPECT_EQ(f.ctx->error_code.load(), 9u);
@@ -101,10 +101,10 @@ TEST(CallFrame, VersionGateComesFirstAndReturnsTheBareCode) {
     ++runs;
     return 0;
   };
-  f.ctx->controller_version = 5.4f; // as a float, 5.4 is just above the double 5.4
+  f.ctx->link.controller_version = 5.4f; // as a float, 5.4 is just above the double 5.4
   EXPECT_EQ(kalo::gated_call(f.get(), 5.4, ok), 0);
-  f.ctx->controller_version = 5.3f;
-  f.ctx->connected = 0; // the gate answers before the connection check
+  f.ctx->link.controller_version = 5.3f;
+  f.ctx->link.connected = 0; // the gate answers before the connection check
   EXPECT_EQ(kalo::gated_call(f.get(), 5.4, ok), 20);
   EXPECT_EQ(f.ctx->error_code.load(), 0u);
   kaloGlobalError = 0;
@@ -115,27 +115,28 @@ TEST(CallFrame, VersionGateComesFirstAndReturnsTheBareCode) {
 
 TEST(CallFrame, QueryPostsTheRequestAndCopiesTheReply) {
   FakeContext f;
-  std::memset(&f.ctx->command_record, 0, sizeof(ExchangeRecord));
-  TR_poster_semaphore(f.ctx->reply_sem); // a stale reply from an abandoned query
+  std::memset(&f.ctx->link.command_record, 0, sizeof(ExchangeRecord));
+  TR_poster_semaphore(f.ctx->link.reply_sem); // a stale reply from an abandoned query
   std::thread controller([&] {
     for (;;) {
       {
         kalo::ContextLock hold(f.get());
-        if (kalo::carries(f.ctx->command_record, kalo::Field::request)) {
-          EXPECT_EQ(f.ctx->command_record.request, 38);
-          f.ctx->state_record.controller_version[0] = 6;
+        if (kalo::carries(f.ctx->link.command_record, kalo::Field::request)) {
+          EXPECT_EQ(f.ctx->link.command_record.request, 38);
+          f.ctx->link.state_record.controller_version[0] = 6;
           break;
         }
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    TR_poster_semaphore(f.ctx->reply_sem);
+    TR_poster_semaphore(f.ctx->link.reply_sem);
   });
   int major = 0;
-  EXPECT_EQ(kalo::query_call(f.get(), kalo::Field::controller_version,
-                             [&](KaloContext &c) { major = c.state_record.controller_version[0]; }),
-            0);
+  EXPECT_EQ(
+      kalo::query_call(f.get(), kalo::Field::controller_version,
+                       [&](KaloContext &c) { major = c.link.state_record.controller_version[0]; }),
+      0);
   controller.join();
   EXPECT_EQ(major, 6) << "the stale reply answered the new query";
-  EXPECT_EQ(f.ctx->command_record.send_request, 20u);
+  EXPECT_EQ(f.ctx->link.command_record.send_request, 20u);
 }

@@ -176,17 +176,17 @@ TEST(LinkGuards, EveryFloatSendingCallRefusesANonNumberAndSendsNothing) {
     for (const float x : bad) {
       CommandContext f(5); // command type 5 admits every call of the table
       KaloContext *c = f.get();
-      const float step = c->time_step;
-      const float timeout = c->watchdog_period;
+      const float step = c->params.time_step;
+      const float timeout = c->params.watchdog_period;
       EXPECT_EQ(row.with(c, x), -1) << row.call << " given " << x;
       EXPECT_EQ(kaloGetErrorCode(c), KALO_ERROR_INCORRECT_VALUE) << row.call << " given " << x;
       EXPECT_EQ(f.posted(), "") << row.call << " given " << x << ": nothing may go out";
-      EXPECT_EQ(c->command_record.send_request, 0u) << row.call;
-      EXPECT_EQ(c->connected.load(), 1u) << row.call << ": the connection stays open";
-      EXPECT_EQ(c->time_step, step) << row.call;
-      EXPECT_EQ(c->watchdog_period, timeout) << row.call;
-      EXPECT_EQ(c->periodic_function, nullptr) << row.call;
-      EXPECT_EQ(c->servo[0].object_attached, 0) << row.call;
+      EXPECT_EQ(c->link.command_record.send_request, 0u) << row.call;
+      EXPECT_EQ(c->link.connected.load(), 1u) << row.call << ": the connection stays open";
+      EXPECT_EQ(c->params.time_step, step) << row.call;
+      EXPECT_EQ(c->params.watchdog_period, timeout) << row.call;
+      EXPECT_EQ(c->loop.periodic_function, nullptr) << row.call;
+      EXPECT_EQ(c->servo.points[0].object_attached, 0) << row.call;
     }
     // The same call with valid values passes, so the refusal above is the value's.
     CommandContext f(5);
@@ -200,7 +200,7 @@ TEST(LinkGuards, AZeroQuaternionFromTheControllerGivesAZeroWrenchAndCode9) {
   const float k[6] = {2, 2, 2, 1000, 1000, 1000};
   const float b[6] = {1, 1, 1, 1, 1, 1};
   ASSERT_EQ(kaloAttachQSVO(c, k, b), 0);
-  c->attach_pending = 0;
+  c->vm.attach_pending = 0;
   const float object[7] = {0.01f, 0, 0, 0, 0, 0, 1};
   ASSERT_EQ(kaloSetPosition(c, object), 0);
   const float invalid[7] = {0, 0, 0, 0, 0, 0, 0};
@@ -230,12 +230,12 @@ TEST(LinkGuards, WaitingForAButtonTheDeviceHasNotIsRefusedAtOnce) {
 TEST(LinkGuards, TrajectorySamplesCopyOnlyTheBatchAskedFor) {
   CommandContext f(5);
   KaloContext *c = f.get();
-  c->vm_current_type = 1;
+  c->vm.vm_current_type = 1;
   ASSERT_EQ(kaloVmStartTrajSampling(c, 10), 0);
   {
     kalo::ContextLock hold(c);
-    c->state_record.traj_sample_count = 3000;
-    c->state_record.list_index = 3000;
+    c->link.state_record.traj_sample_count = 3000;
+    c->link.state_record.list_index = 3000;
   }
   std::vector<float> samples(70 + 7, -1.0f); // 10 samples, then a guard sample
   ASSERT_EQ(kaloVmGetTrajSamples(c, samples.data()), 0);
@@ -248,16 +248,16 @@ TEST(LinkGuards, TrajectorySamplesCopyOnlyTheBatchAskedFor) {
 TEST(LinkGuards, SamplesArrivingOutOfOrderAllLand) {
   CommandContext f(5);
   KaloContext *c = f.get();
-  c->vm_current_type = 1;
+  c->vm.vm_current_type = 1;
   ASSERT_EQ(kaloVmStartTrajSampling(c, 3), 0);
   std::thread controller([c] {
     for (const int index : {2, 0, 1}) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       kalo::ContextLock hold(c);
       for (int k = 0; k < 7; ++k)
-        c->state_record.traj_samples[index][k] = static_cast<float>(index + 1);
-      c->state_record.list_index = index + 1;
-      TR_poster_semaphore(c->traj_sample_sem);
+        c->link.state_record.traj_samples[index][k] = static_cast<float>(index + 1);
+      c->link.state_record.list_index = index + 1;
+      TR_poster_semaphore(c->link.traj_sample_sem);
     }
   });
   float samples[21] = {};

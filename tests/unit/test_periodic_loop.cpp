@@ -26,23 +26,23 @@ struct BareContext {
   KaloContext *ctx = new KaloContext();
   BareContext() {
     ctx->magic = kalo::kContextMagic;
-    ctx->connected = 1;
+    ctx->link.connected = 1;
     ctx->lock = TR_creer_semaphore_mutex();
-    ctx->loop_sem = TR_creer_semaphore_synchro();
-    ctx->loop_exited = TR_creer_semaphore_synchro();
-    ctx->time_step = 0.1f;
-    ctx->controller_version = 5.6f;
-    ctx->output_stream = stdout;
+    ctx->loop.loop_sem = TR_creer_semaphore_synchro();
+    ctx->loop.loop_exited = TR_creer_semaphore_synchro();
+    ctx->params.time_step = 0.1f;
+    ctx->link.controller_version = 5.6f;
+    ctx->params.output_stream = stdout;
   }
   ~BareContext() {
-    if (ctx->loop_task != nullptr || ctx->loop_task_finishing != nullptr)
+    if (ctx->loop.loop_task != nullptr || ctx->loop.loop_task_finishing != nullptr)
       kaloStopLoop(ctx);
     TR_detruire_semaphore(ctx->lock);
-    TR_detruire_semaphore(ctx->loop_sem);
-    TR_detruire_semaphore(ctx->loop_exited);
+    TR_detruire_semaphore(ctx->loop.loop_sem);
+    TR_detruire_semaphore(ctx->loop.loop_exited);
     delete ctx;
   }
-  void tick() { TR_poster_semaphore(ctx->loop_sem); }
+  void tick() { TR_poster_semaphore(ctx->loop.loop_sem); }
 };
 
 using kalo_test::eventually;
@@ -57,29 +57,29 @@ TEST(LoopPeriod, RoundsToWholeMillisecondsForNewControllersAndHalfRoundsDown) {
   Counter c;
   float period = 0.0015f;
   ASSERT_EQ(kaloSetPeriodicFunction(b.ctx, Counter::count, &period, &c), 0);
-  EXPECT_EQ(b.ctx->loop_period_ticks, 1);
+  EXPECT_EQ(b.ctx->loop.loop_period_ticks, 1);
   EXPECT_FLOAT_EQ(period, 0.001f);
-  EXPECT_FLOAT_EQ(b.ctx->loop_period_us.load(), 1000.0f);
-  EXPECT_EQ(b.ctx->periodic_user_data, &c);
+  EXPECT_FLOAT_EQ(b.ctx->loop.loop_period_us.load(), 1000.0f);
+  EXPECT_EQ(b.ctx->loop.periodic_user_data, &c);
 
   period = 0.0016f;
   ASSERT_EQ(kaloSetPeriodicFunction(b.ctx, Counter::count, &period, &c), 0);
-  EXPECT_EQ(b.ctx->loop_period_ticks, 2);
+  EXPECT_EQ(b.ctx->loop.loop_period_ticks, 2);
   EXPECT_FLOAT_EQ(period, 0.002f);
 
   period = 0.0f; // no lower bound: a loop ticked on every frame
   ASSERT_EQ(kaloSetPeriodicFunction(b.ctx, Counter::count, &period, &c), 0);
-  EXPECT_EQ(b.ctx->loop_period_ticks, 0);
+  EXPECT_EQ(b.ctx->loop.loop_period_ticks, 0);
   EXPECT_EQ(period, 0.0f);
 }
 
 TEST(LoopPeriod, ControllersUpToVersion5CountIn1024thsOfASecond) {
   BareContext b;
-  b.ctx->controller_version = 5.0f; // not above 5.0
+  b.ctx->link.controller_version = 5.0f; // not above 5.0
   float period = 0.001f;
   ASSERT_EQ(kaloSetPeriodicFunction(b.ctx, Counter::count, &period, nullptr), 0);
-  EXPECT_EQ(b.ctx->loop_period_ticks, 1);
-  EXPECT_FLOAT_EQ(b.ctx->loop_period_us.load(), 976.5625f);
+  EXPECT_EQ(b.ctx->loop.loop_period_ticks, 1);
+  EXPECT_FLOAT_EQ(b.ctx->loop.loop_period_us.load(), 976.5625f);
   EXPECT_FLOAT_EQ(period, 0.0009765625f);
 }
 
@@ -90,7 +90,7 @@ TEST(LoopPeriod, AnUnusablePeriodIsRefusedWithCode9) {
   EXPECT_EQ(kaloGetErrorCode(b.ctx), KALO_ERROR_INCORRECT_VALUE);
   EXPECT_EQ(kaloSetPeriodicFunction(b.ctx, Counter::count, nullptr, nullptr), -1);
   EXPECT_EQ(kaloGetErrorCode(b.ctx), KALO_ERROR_INCORRECT_VALUE);
-  EXPECT_EQ(b.ctx->periodic_function, nullptr);
+  EXPECT_EQ(b.ctx->loop.periodic_function, nullptr);
 }
 
 TEST(LoopCalls, FollowTheCallFrame) {
@@ -109,14 +109,14 @@ TEST(LoopCalls, FollowTheCallFrame) {
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_INVALID_CONTEXT);
   b.ctx->magic = kalo::kContextMagic;
 
-  b.ctx->connected = 0;
+  b.ctx->link.connected = 0;
   EXPECT_EQ(kaloStartLoop(b.ctx), -1);
   EXPECT_EQ(kaloGetErrorCode(b.ctx), KALO_ERROR_COMMUNICATION);
-  b.ctx->connected = 1;
+  b.ctx->link.connected = 1;
 
   EXPECT_EQ(kaloStartLoop(b.ctx), -1); // no function yet
   EXPECT_EQ(kaloGetErrorCode(b.ctx), KALO_ERROR_NO_PERIODIC_FUNCTION);
-  EXPECT_EQ(b.ctx->loop_task, nullptr);
+  EXPECT_EQ(b.ctx->loop.loop_task, nullptr);
 }
 
 TEST(LoopCalls, EachTickCallsTheFunctionOnceAndASecondStartGives22) {
@@ -127,7 +127,7 @@ TEST(LoopCalls, EachTickCallsTheFunctionOnceAndASecondStartGives22) {
   ASSERT_EQ(kaloStartLoop(b.ctx), 0);
   EXPECT_EQ(kaloStartLoop(b.ctx), -1);
   EXPECT_EQ(kaloGetErrorCode(b.ctx), KALO_ERROR_LOOP_ALREADY_STARTED);
-  EXPECT_EQ(b.ctx->loop_running.load(), 1u);
+  EXPECT_EQ(b.ctx->loop.loop_running.load(), 1u);
 
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(c.calls.load(), 0); // nothing without ticks
@@ -136,8 +136,8 @@ TEST(LoopCalls, EachTickCallsTheFunctionOnceAndASecondStartGives22) {
   EXPECT_TRUE(eventually([&] { return c.calls.load() == 5; }));
 
   ASSERT_EQ(kaloStopLoop(b.ctx), 0);
-  EXPECT_EQ(b.ctx->loop_task, nullptr);
-  EXPECT_EQ(b.ctx->loop_running.load(), 0u);
+  EXPECT_EQ(b.ctx->loop.loop_task, nullptr);
+  EXPECT_EQ(b.ctx->loop.loop_running.load(), 0u);
   b.tick();
   b.tick();
   std::this_thread::sleep_for(20ms);
@@ -177,7 +177,7 @@ TEST(LoopCalls, StopReturnsOnlyAfterTheCurrentCallEnded) {
   EXPECT_TRUE(s.finished.load());
   std::this_thread::sleep_for(30ms);
   EXPECT_EQ(s.calls.load(), 1);
-  EXPECT_EQ(b.ctx->loop_task_finishing, nullptr); // the handle was released
+  EXPECT_EQ(b.ctx->loop.loop_task_finishing, nullptr); // the handle was released
 }
 
 struct SelfStopper {
@@ -202,11 +202,11 @@ TEST(LoopCalls, TheFunctionMayStopItsOwnLoopAndTheLoopRestartsLater) {
   ASSERT_TRUE(eventually([&] { return s.stop_result.load() == 0; }));
   std::this_thread::sleep_for(30ms);
   EXPECT_EQ(s.calls.load(), 2);
-  EXPECT_EQ(b.ctx->loop_running.load(), 0u);
+  EXPECT_EQ(b.ctx->loop.loop_running.load(), 0u);
 
   // The next start waits for the stopped thread and frees its handle.
   ASSERT_EQ(kaloStartLoop(b.ctx), 0);
-  EXPECT_EQ(b.ctx->loop_task_finishing, nullptr);
+  EXPECT_EQ(b.ctx->loop.loop_task_finishing, nullptr);
   b.tick();
   EXPECT_TRUE(eventually([&] { return s.calls.load() == 3; }));
 }
@@ -236,8 +236,8 @@ TEST(LoopOverrun, ALongCallIsRecordedAndPrintedWhenDebugBit0IsSet) {
   BareContext b;
   FILE *out = std::tmpfile();
   ASSERT_NE(out, nullptr);
-  b.ctx->output_stream = out;
-  b.ctx->debug_flags = 1;
+  b.ctx->params.output_stream = out;
+  b.ctx->params.debug_flags = 1;
   Sleeper s{150ms};
   float period = 0.001f;
   ASSERT_EQ(kaloSetPeriodicFunction(b.ctx, Sleeper::run, &period, &s), 0);
@@ -245,25 +245,25 @@ TEST(LoopOverrun, ALongCallIsRecordedAndPrintedWhenDebugBit0IsSet) {
   b.tick();
   ASSERT_TRUE(eventually([&] { return s.calls.load() == 1; }));
   ASSERT_EQ(kaloStopLoop(b.ctx), 0);
-  EXPECT_EQ(b.ctx->loop_overrun.load(), 1u);
+  EXPECT_EQ(b.ctx->loop.loop_overrun.load(), 1u);
   int ms = -1;
   const std::string text = read_all(out);
   ASSERT_EQ(std::sscanf(text.c_str(), "Overrun de %d ms\n", &ms), 1) << text;
   EXPECT_EQ(text, "Overrun de " + std::to_string(ms) + " ms\n");
   EXPECT_GE(ms, 50); // 150 ms against a 100 ms time step
   EXPECT_LT(ms, 90);
-  EXPECT_GE(b.ctx->loop_start_time.load(), 150000u); // the call's duration
+  EXPECT_GE(b.ctx->loop.loop_start_time.load(), 150000u); // the call's duration
 
   // Debug bit clear: recorded, not printed. A short call clears the record.
-  b.ctx->debug_flags = 0;
+  b.ctx->params.debug_flags = 0;
   ASSERT_EQ(kaloStartLoop(b.ctx), 0);
   b.tick();
   ASSERT_TRUE(eventually([&] { return s.calls.load() == 2; }));
-  EXPECT_TRUE(eventually([&] { return b.ctx->loop_overrun.load() == 1u; }));
+  EXPECT_TRUE(eventually([&] { return b.ctx->loop.loop_overrun.load() == 1u; }));
   s.length = 1ms;
   b.tick();
   ASSERT_TRUE(eventually([&] { return s.calls.load() == 3; }));
-  EXPECT_TRUE(eventually([&] { return b.ctx->loop_overrun.load() == 0u; }));
+  EXPECT_TRUE(eventually([&] { return b.ctx->loop.loop_overrun.load() == 0u; }));
   ASSERT_EQ(kaloStopLoop(b.ctx), 0);
   EXPECT_EQ(read_all(out), text);
   std::fclose(out);

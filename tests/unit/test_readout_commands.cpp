@@ -20,8 +20,8 @@ namespace {
 // kaloSetCommandType(ctx, 5)).
 struct VmContext : FakeContext {
   VmContext() {
-    ctx->active_command_type = 5;
-    ctx->command_type_set = 1;
+    ctx->command.active_command_type = 5;
+    ctx->command.command_type_set = 1;
   }
 };
 
@@ -29,10 +29,10 @@ struct VmContext : FakeContext {
 
 TEST(VirtualMechanism, EveryCallOutsideCommandTypeFiveIsRefusedWith17) {
   FakeContext f;
-  f->active_command_type = 4;
-  f->command_type_set = 1;
-  f->vm_current_type = 1;
-  f->vm_active = 1;
+  f->command.active_command_type = 4;
+  f->command.command_type_set = 1;
+  f->vm.vm_current_type = 1;
+  f->vm.vm_active = 1;
   const float frame[10] = {};
   float out[7 * 4] = {};
   int refused = 0;
@@ -60,26 +60,26 @@ TEST(VirtualMechanism, EveryCallOutsideCommandTypeFiveIsRefusedWith17) {
   expect17(kaloVmWaitUpperBound(f.get()), "upper bound");
   EXPECT_EQ(refused, 17);
   EXPECT_EQ(f.posted(), "");
-  EXPECT_EQ(f->vm_active, 1u);
-  EXPECT_EQ(f->vm_current_type, 1u);
+  EXPECT_EQ(f->vm.vm_active, 1u);
+  EXPECT_EQ(f->vm.vm_current_type, 1u);
 }
 
 TEST(VirtualMechanism, SettersKeepTheirCopies) {
   VmContext f;
   EXPECT_EQ(kaloVmActivate(f.get()), 0);
-  EXPECT_EQ(f->vm_active, 1u);
+  EXPECT_EQ(f->vm.vm_active, 1u);
   EXPECT_EQ(kaloVmDeactivate(f.get()), 0);
-  EXPECT_EQ(f->vm_active, 0u);
+  EXPECT_EQ(f->vm.vm_active, 0u);
   EXPECT_EQ(kaloVmSetType(f.get(), 258), 0) << "no range check";
-  EXPECT_EQ(f->vm_current_type, 258u);
-  EXPECT_EQ(f->vm_default_mode_copy, -1);
+  EXPECT_EQ(f->vm.vm_current_type, 258u);
+  EXPECT_EQ(f->vm.vm_default_mode_copy, -1);
   EXPECT_EQ(kaloVmSetDefaultToTransparentMode(f.get()), 0);
-  EXPECT_EQ(f->vm_default_mode_copy, 1);
+  EXPECT_EQ(f->vm.vm_default_mode_copy, 1);
   EXPECT_EQ(kaloVmSetDefaultToCartesianPosition(f.get()), 0);
-  EXPECT_EQ(f->vm_default_mode_copy, 0);
+  EXPECT_EQ(f->vm.vm_default_mode_copy, 0);
 
   f.clear_posted();
-  f->command_type_set = 0;
+  f->command.command_type_set = 0;
   const float frame[7] = {0.1f, 0.2f, 0.3f, 0, 0, 0, 1};
   EXPECT_EQ(kaloVmSetBaseFrame(f.get(), frame), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 19) << "no base frame before a command type was chosen";
@@ -96,14 +96,14 @@ TEST(VirtualMechanism, SplineNamesNeedTheSplineTypeAndFitInThirtyTwoBytes) {
   EXPECT_EQ(kaloGetErrorCode(f.get()), 21);
   EXPECT_EQ(f.posted(), "");
 
-  f->vm_current_type = 1;
+  f->vm.vm_current_type = 1;
   const std::string longest(31, 'x');
   EXPECT_EQ(kaloVmSaveCurrentSpline(f.get(), longest.c_str()), 0);
-  EXPECT_EQ(std::string(f->command_record.spline_name), longest);
+  EXPECT_EQ(std::string(f->link.command_record.spline_name), longest);
   // A shorter name leaves nothing of the longer one behind.
   EXPECT_EQ(kaloVmLoadSpline(f.get(), "ab"), 0);
   const char expected[32] = "ab";
-  EXPECT_EQ(0, std::memcmp(f->command_record.spline_name, expected, 32));
+  EXPECT_EQ(0, std::memcmp(f->link.command_record.spline_name, expected, 32));
   f.clear_posted();
 
   const std::string too_long(32, 'y');
@@ -112,7 +112,7 @@ TEST(VirtualMechanism, SplineNamesNeedTheSplineTypeAndFitInThirtyTwoBytes) {
     EXPECT_EQ(kaloGetErrorCode(f.get()), 9);
   }
   EXPECT_EQ(f.posted(), "") << "a refused name sends nothing";
-  EXPECT_EQ(0, std::memcmp(f->command_record.spline_name, expected, 32));
+  EXPECT_EQ(0, std::memcmp(f->link.command_record.spline_name, expected, 32));
 }
 
 TEST(VirtualMechanism, SamplingAcceptsOneToThreeThousandAndRestartsTheBatch) {
@@ -123,14 +123,14 @@ TEST(VirtualMechanism, SamplingAcceptsOneToThreeThousandAndRestartsTheBatch) {
   }
   EXPECT_EQ(f.posted(), "");
 
-  f->state_record.list_index = 17;
-  TR_poster_semaphore(f->traj_sample_sem); // a signal left from an earlier run
+  f->link.state_record.list_index = 17;
+  TR_poster_semaphore(f->link.traj_sample_sem); // a signal left from an earlier run
   EXPECT_EQ(kaloVmStartTrajSampling(f.get(), 3000), 0);
   EXPECT_EQ(f.posted(), "30");
-  EXPECT_EQ(f->command_record.traj_sample_count, 3000);
-  EXPECT_EQ(f->state_record.traj_sample_count, 3000);
-  EXPECT_EQ(f->state_record.list_index, 0);
-  EXPECT_EQ(TR_tester_semaphore(f->traj_sample_sem), -1) << "stale sample signals are dropped";
+  EXPECT_EQ(f->link.command_record.traj_sample_count, 3000);
+  EXPECT_EQ(f->link.state_record.traj_sample_count, 3000);
+  EXPECT_EQ(f->link.state_record.list_index, 0);
+  EXPECT_EQ(TR_tester_semaphore(f->link.traj_sample_sem), -1) << "stale sample signals are dropped";
 }
 
 TEST(VirtualMechanism, SamplesAreCopiedOnceTheBatchHasArrived) {
@@ -139,7 +139,7 @@ TEST(VirtualMechanism, SamplesAreCopiedOnceTheBatchHasArrived) {
   EXPECT_EQ(kaloVmGetTrajSamples(f.get(), out), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 21);
 
-  f->vm_current_type = 1;
+  f->vm.vm_current_type = 1;
   ASSERT_EQ(kaloVmStartTrajSampling(f.get(), 5), 0);
   // The exchange thread stores each sample and signals it, one per frame.
   std::thread feeder([&] {
@@ -147,10 +147,10 @@ TEST(VirtualMechanism, SamplesAreCopiedOnceTheBatchHasArrived) {
       {
         kalo::ContextLock hold(f.get());
         for (int k = 0; k < 7; ++k)
-          f->state_record.traj_samples[i][k] = static_cast<float>(10 * i + k);
-        f->state_record.list_index = i + 1;
+          f->link.state_record.traj_samples[i][k] = static_cast<float>(10 * i + k);
+        f->link.state_record.list_index = i + 1;
       }
-      TR_poster_semaphore(f->traj_sample_sem);
+      TR_poster_semaphore(f->link.traj_sample_sem);
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   });
@@ -167,8 +167,8 @@ TEST(VirtualMechanism, SamplesAreCopiedOnceTheBatchHasArrived) {
   std::memset(out, 0, sizeof out);
   EXPECT_EQ(kaloVmGetTrajSamples(f.get(), out), 0);
   EXPECT_EQ(out[34], 46.0f);
-  f->state_record.traj_sample_count = 1 << 30;
-  f->state_record.list_index = 1 << 30;
+  f->link.state_record.traj_sample_count = 1 << 30;
+  f->link.state_record.list_index = 1 << 30;
   auto big = std::make_unique<float[]>(7 * 3000 + 1);
   big[7 * 3000] = -2.0f;
   EXPECT_EQ(kaloVmGetTrajSamples(f.get(), big.get()), 0);
@@ -177,29 +177,29 @@ TEST(VirtualMechanism, SamplesAreCopiedOnceTheBatchHasArrived) {
 
 TEST(VirtualMechanism, UpperBoundWaitChecksTypeThenActivityThenBlocksUntilAnswered) {
   VmContext f;
-  f->vm_current_type = 2;
-  f->vm_active = 1;
+  f->vm.vm_current_type = 2;
+  f->vm.vm_active = 1;
   EXPECT_EQ(kaloVmWaitUpperBound(f.get()), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 21);
-  f->vm_active = 0;
+  f->vm.vm_active = 0;
   EXPECT_EQ(kaloVmWaitUpperBound(f.get()), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 21) << "the type is checked first";
-  f->vm_current_type = 0;
+  f->vm.vm_current_type = 0;
   EXPECT_EQ(kaloVmWaitUpperBound(f.get()), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 19);
   EXPECT_EQ(f.posted(), "");
 
-  f->vm_active = 1;
+  f->vm.vm_active = 1;
   std::atomic<int> result{-2};
   std::thread waiter([&] { result = kaloVmWaitUpperBound(f.get()); });
   // The request goes out while the waiter blocks without the lock.
   for (;;) {
     kalo::ContextLock hold(f.get());
-    if (kalo::carries(f->command_record, kalo::Field::vm_wait_upper_bound))
+    if (kalo::carries(f->link.command_record, kalo::Field::vm_wait_upper_bound))
       break;
   }
   EXPECT_EQ(result.load(), -2);
-  TR_poster_semaphore(f->upper_bound_sem);
+  TR_poster_semaphore(f->link.upper_bound_sem);
   waiter.join();
   EXPECT_EQ(result.load(), 0);
 }
@@ -210,10 +210,10 @@ TEST(VirtualMechanism, BaseFrameIsAskedForAndCopiedFromTheReply) {
   std::thread controller([&] {
     for (;;) {
       kalo::ContextLock hold(f.get());
-      if (kalo::carries(f->command_record, kalo::Field::request)) {
-        EXPECT_EQ(f->command_record.request, 32);
-        std::memcpy(f->state_record.vm_base_frame, answer, sizeof answer);
-        TR_poster_semaphore(f->reply_sem);
+      if (kalo::carries(f->link.command_record, kalo::Field::request)) {
+        EXPECT_EQ(f->link.command_record.request, 32);
+        std::memcpy(f->link.state_record.vm_base_frame, answer, sizeof answer);
+        TR_poster_semaphore(f->link.reply_sem);
         return;
       }
     }
@@ -229,18 +229,18 @@ TEST(JointSpace, SettersSendAxisCountValuesAndLeaveTheErrorCode) {
   float q[20];
   for (int i = 0; i < 20; ++i)
     q[i] = 0.5f * static_cast<float>(i + 1);
-  f->axis_count = 4;
+  f->link.axis_count = 4;
   f->error_code = 6;
-  f->controller_version = 2.33f; // never equal to the double 2.33
+  f->link.controller_version = 2.33f; // never equal to the double 2.33
   EXPECT_EQ(kaloSetArticularPosition(f.get(), q), 20);
-  f->controller_version = 3.56f;
+  f->link.controller_version = 3.56f;
   EXPECT_EQ(kaloSetArticularPosition(f.get(), q), 0);
   EXPECT_EQ(kaloSetArticularSpeed(f.get(), q), 0);
   EXPECT_EQ(kaloSetArticularForce(f.get(), q), 0);
   using Member = float(ExchangeRecord::*)[kalo::kArticularRoom];
   for (Member member : {&ExchangeRecord::articular_position, &ExchangeRecord::articular_speed,
                         &ExchangeRecord::articular_force}) {
-    const float *sent = f->command_record.*member;
+    const float *sent = f->link.command_record.*member;
     EXPECT_EQ(sent[3], 2.0f);
     EXPECT_EQ(sent[4], 0.0f) << "axis_count values, no more";
   }
@@ -251,11 +251,11 @@ TEST(Textures, IntensityOutsideUnitRangeIsABareNineThatRecordsNothing) {
   FakeContext f;
   const float pose[7] = {0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.7f};
   float intensity = 0.5f;
-  f->active_command_type = 1;
+  f->command.active_command_type = 1;
   EXPECT_EQ(kaloSetTexture(f.get(), pose, &intensity, 1), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 17);
 
-  f->active_command_type = 4;
+  f->command.active_command_type = 4;
   f->error_code = 12;
   for (float bad : {1.01f, -0.01f, NAN}) {
     intensity = bad;
@@ -267,12 +267,12 @@ TEST(Textures, IntensityOutsideUnitRangeIsABareNineThatRecordsNothing) {
   intensity = 1.0f;
   EXPECT_EQ(kaloSetTexture(f.get(), pose, &intensity, -3), 0);
   EXPECT_EQ(f.posted(), "17");
-  const ExchangeRecord &r = f->command_record;
+  const ExchangeRecord &r = f->link.command_record;
 
   // A count beyond the record's room walks only the point the record holds:
   // the caller's arrays are never read further.
   f.clear_posted();
-  f->control_point_count = 1000;
+  f->link.control_point_count = 1000;
   const float poses[7] = {9, 8, 7, 0, 0, 0, 1};
   const float one = 0.25f;
   EXPECT_EQ(kaloSetTexture(f.get(), poses, &one, 0), 0);

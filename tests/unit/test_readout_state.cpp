@@ -25,7 +25,7 @@ const char kClosingLine[] = "***************************************************
 
 TEST(DriveFailures, LowestFailedDriveIsReportedWithCodeElevenEverywhere) {
   FakeContext f;
-  f->state_record.failure = 0x0006;
+  f->link.state_record.failure = 0x0006;
   kaloGlobalError = 0;
   uint32_t failed = 7;
   EXPECT_EQ(kaloGetError(f.get(), &failed), -1);
@@ -35,14 +35,14 @@ TEST(DriveFailures, LowestFailedDriveIsReportedWithCodeElevenEverywhere) {
   EXPECT_EQ(kaloGetErrorCode(f.get()), 11);
 
   // Drive 8 is the top bit of the low byte; the high byte names no drive.
-  f->state_record.failure = static_cast<int16_t>(0xFF80);
+  f->link.state_record.failure = static_cast<int16_t>(0xFF80);
   EXPECT_EQ(kaloGetError(f.get(), &failed), -1);
   EXPECT_EQ(f.output(), "\nPanne du variateur 2\n\nPanne du variateur 8\n");
 
   kaloGlobalError = 0;
   (void)kaloGetErrorCode(f.get());
   for (int16_t word : {int16_t{0}, static_cast<int16_t>(0xFF00)}) {
-    f->state_record.failure = word;
+    f->link.state_record.failure = word;
     failed = 7;
     EXPECT_EQ(kaloGetError(f.get(), &failed), 0);
     EXPECT_EQ(failed, 0u);
@@ -54,7 +54,7 @@ TEST(DriveFailures, LowestFailedDriveIsReportedWithCodeElevenEverywhere) {
 
 TEST(DriveFailures, HardwareStatusPrintsEveryDriveBetweenBannerAndClosingLine) {
   FakeContext f;
-  f->state_record.failure = 0x0006;
+  f->link.state_record.failure = 0x0006;
   EXPECT_EQ(kaloDisplayHardwareStatus(f.get()), 0);
   const std::string expected = std::string(kDiagnosticBanner) +
                                "Variateur 1 : OK\nVariateur 2 : NOK\nVariateur 3 : NOK\n"
@@ -67,14 +67,14 @@ TEST(DriveFailures, HardwareStatusPrintsEveryDriveBetweenBannerAndClosingLine) {
   EXPECT_EQ(kaloGetErrorCode(f.get()), 0) << "the diagnosis records no error";
 
   uint32_t word = 0;
-  f->state_record.failure = static_cast<int16_t>(0x8001);
+  f->link.state_record.failure = static_cast<int16_t>(0x8001);
   EXPECT_EQ(kaloGetFailure(f.get(), &word), 0);
   EXPECT_EQ(word, 0x8001u) << "the 16-bit word is not sign-extended";
 }
 
 TEST(Buttons, EachButtonIsItsOwnBitAndNumbersOutsideOneToSixteenReadZero) {
   FakeContext f;
-  f->state_record.buttons = static_cast<int16_t>(0x8005); // buttons 1, 3 and 16
+  f->link.state_record.buttons = static_cast<int16_t>(0x8005); // buttons 1, 3 and 16
   uint32_t v = 9;
   for (uint32_t b : {1u, 3u, 16u}) {
     ASSERT_EQ(kaloGetButton(f.get(), b, &v), 0);
@@ -88,11 +88,11 @@ TEST(Buttons, EachButtonIsItsOwnBitAndNumbersOutsideOneToSixteenReadZero) {
   EXPECT_EQ(v, 1u);
   EXPECT_EQ(kaloGetDeadMan(f.get(), &v), 0);
   EXPECT_EQ(v, 0u);
-  f->state_record.buttons = 0x4000;
+  f->link.state_record.buttons = 0x4000;
   EXPECT_EQ(kaloGetDeadMan(f.get(), &v), 0);
   EXPECT_EQ(v, 1u);
 
-  f->connected = 0;
+  f->link.connected = 0;
   EXPECT_EQ(kaloGetEmergencyStop(f.get(), &v), 0) << "returns 0 whatever the button read gave";
   EXPECT_EQ(f->error_code.load(), 2u);
 }
@@ -104,7 +104,7 @@ TEST(Buttons, HeldButtonWakesTheWaiterOnlyAfterReleaseAndNewPress) {
   auto frame = [&](int16_t buttons) {
     {
       kalo::ContextLock hold(f.get());
-      f->state_record.buttons = buttons;
+      f->link.state_record.buttons = buttons;
     }
     EXPECT_EQ(CheckPressButton(f.get()), 0);
   };
@@ -113,27 +113,27 @@ TEST(Buttons, HeldButtonWakesTheWaiterOnlyAfterReleaseAndNewPress) {
 
   std::atomic<int> woke{-2};
   std::thread waiter([&] { woke = kaloWaitPressButton(f.get(), 2); });
-  while (f->wait_armed.load() == 0)
+  while (f->link.wait_armed.load() == 0)
     std::this_thread::yield();
   frame(0x0002);
   frame(0x0003);
-  EXPECT_EQ(f->wait_armed.load(), 1u) << "a held button is not a press";
+  EXPECT_EQ(f->link.wait_armed.load(), 1u) << "a held button is not a press";
   frame(0x0001);
-  EXPECT_EQ(f->wait_armed.load(), 1u) << "a release is not a press";
+  EXPECT_EQ(f->link.wait_armed.load(), 1u) << "a release is not a press";
   frame(0x0002);
   waiter.join();
   EXPECT_EQ(woke.load(), 0);
-  EXPECT_EQ(f->wait_armed.load(), 0u);
+  EXPECT_EQ(f->link.wait_armed.load(), 0u);
 
   // Waiting for another button that is already held: its own edge counts, not
   // the one of the button watched before.
   frame(0x0000);
   frame(0x0004);
   std::thread second([&] { woke = kaloWaitPressButton(f.get(), 3); });
-  while (f->wait_armed.load() == 0)
+  while (f->link.wait_armed.load() == 0)
     std::this_thread::yield();
   frame(0x0004);
-  EXPECT_EQ(f->wait_armed.load(), 1u);
+  EXPECT_EQ(f->link.wait_armed.load(), 1u);
   frame(0x0000);
   frame(0x0004);
   second.join();
@@ -143,7 +143,7 @@ TEST(Buttons, HeldButtonWakesTheWaiterOnlyAfterReleaseAndNewPress) {
 TEST(StatusWord, BoundsAlarmPowerAndShiftComeFromTheirBits) {
   FakeContext f;
   uint32_t v = 0;
-  f->state_record.alarm = static_cast<int32_t>(0x80094003u); // bounds 0,1; alarm 14,16,19,31
+  f->link.state_record.alarm = static_cast<int32_t>(0x80094003u); // bounds 0,1; alarm 14,16,19,31
   EXPECT_EQ(kaloIsInBounds(f.get(), &v), 0);
   EXPECT_EQ(v, 0x3u);
   EXPECT_EQ(kaloGetAlarm(f.get(), &v), 0);
@@ -153,7 +153,7 @@ TEST(StatusWord, BoundsAlarmPowerAndShiftComeFromTheirBits) {
   EXPECT_EQ(kaloIsInShiftPosition(f.get(), &v), 0);
   EXPECT_EQ(v, 1u);
 
-  f->state_record.alarm = 0x3FFF;
+  f->link.state_record.alarm = 0x3FFF;
   EXPECT_EQ(kaloGetAlarm(f.get(), &v), 0);
   EXPECT_EQ(v, 0u) << "bound bits are not alarms";
   EXPECT_EQ(kaloGetPowerOn(f.get(), &v), 0);
@@ -161,8 +161,8 @@ TEST(StatusWord, BoundsAlarmPowerAndShiftComeFromTheirBits) {
   EXPECT_EQ(kaloIsInShiftPosition(f.get(), &v), 0);
   EXPECT_EQ(v, 0u);
 
-  f->state_record.alarm = 0;
-  f->loop_overrun = 1;
+  f->link.state_record.alarm = 0;
+  f->loop.loop_overrun = 1;
   EXPECT_EQ(kaloGetAlarm(f.get(), &v), 0);
   EXPECT_EQ(v, 1u << 17) << "a loop overrun shows as alarm bit 17";
   EXPECT_EQ(f.posted(), "");
@@ -171,7 +171,7 @@ TEST(StatusWord, BoundsAlarmPowerAndShiftComeFromTheirBits) {
 TEST(Inputs, TrackballAdcAndInputsReadTheirMembers) {
   FakeContext f;
   const int32_t members[6] = {11, 22, 33, 44, 55, 66};
-  std::memcpy(f->state_record.trackball_buttons, members, sizeof members);
+  std::memcpy(f->link.state_record.trackball_buttons, members, sizeof members);
   uint32_t x = 0, y = 0, a = 0, b = 0, c = 0, d = 0;
   EXPECT_EQ(kaloGetTrackball(f.get(), &x, &y), 0);
   EXPECT_EQ(x, 22u);
@@ -183,7 +183,7 @@ TEST(Inputs, TrackballAdcAndInputsReadTheirMembers) {
   EXPECT_EQ(d, 66u);
 
   const float adc[3] = {0.5f, 1.5f, 2.5f};
-  std::memcpy(f->state_record.field_66, adc, sizeof adc);
+  std::memcpy(f->link.state_record.field_66, adc, sizeof adc);
   float value = -1;
   EXPECT_EQ(kaloGetADC(f.get(), 1, &value), 0);
   EXPECT_EQ(value, 0.5f);
@@ -194,9 +194,9 @@ TEST(Inputs, TrackballAdcAndInputsReadTheirMembers) {
     EXPECT_EQ(kaloGetErrorCode(f.get()), 9);
   }
 
-  f->state_record.tor_inputs = static_cast<int32_t>(0xA5A5A5A5u);
+  f->link.state_record.tor_inputs = static_cast<int32_t>(0xA5A5A5A5u);
   for (int i = 0; i < 7; ++i)
-    f->state_record.analogic_inputs[i] = static_cast<float>(i) + 0.25f;
+    f->link.state_record.analogic_inputs[i] = static_cast<float>(i) + 0.25f;
   uint32_t tor = 0;
   float analog[8] = {0, 0, 0, 0, 0, 0, 0, -7.0f};
   EXPECT_EQ(kaloGetTorInputs(f.get(), &tor), 0);
@@ -207,8 +207,8 @@ TEST(Inputs, TrackballAdcAndInputsReadTheirMembers) {
 
   const float axis[3] = {0, 0, 1};
   const float centre[7] = {1, 2, 3, 0, 0, 0, 1};
-  std::memcpy(f->state_record.axis_of_rotation, axis, sizeof axis);
-  std::memcpy(f->state_record.center_sphere, centre, sizeof centre);
+  std::memcpy(f->link.state_record.axis_of_rotation, axis, sizeof axis);
+  std::memcpy(f->link.state_record.center_sphere, centre, sizeof centre);
   float got_axis[3] = {}, got_centre[7] = {};
   EXPECT_EQ(kaloGetAxisOfRotation(f.get(), got_axis), 0);
   EXPECT_EQ(kaloGetCenterSphere(f.get(), got_centre), 0);
@@ -222,19 +222,19 @@ TEST(VersionGates, InputsNeedAbove559AndJointsAbove355) {
   uint32_t tor = 0;
   float values[20] = {};
   f->error_code = 4;
-  f->controller_version = 5.58f;
+  f->link.controller_version = 5.58f;
   EXPECT_EQ(kaloGetTorInputs(f.get(), &tor), 20);
   EXPECT_EQ(kaloGetAnalogicInputs(f.get(), values), 20);
-  f->controller_version = 5.59f; // widened, just above the double 5.59
+  f->link.controller_version = 5.59f; // widened, just above the double 5.59
   EXPECT_EQ(kaloGetTorInputs(f.get(), &tor), 0);
   EXPECT_EQ(kaloGetAnalogicInputs(f.get(), values), 0);
 
-  f->controller_version = 3.55f;
+  f->link.controller_version = 3.55f;
   EXPECT_EQ(kaloGetArticularPosition(f.get(), values), 20);
   EXPECT_EQ(kaloGetArticularSpeed(f.get(), values), 20);
-  f->controller_version = 2.33f; // never equal to the double 2.33
+  f->link.controller_version = 2.33f; // never equal to the double 2.33
   EXPECT_EQ(kaloGetArticularPosition(f.get(), values), 20);
-  f->controller_version = 3.56f;
+  f->link.controller_version = 3.56f;
   EXPECT_EQ(kaloGetArticularPosition(f.get(), values), 0);
   EXPECT_EQ(kaloGetArticularSpeed(f.get(), values), 0);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 4) << "a refused version records nothing";
@@ -247,10 +247,10 @@ TEST(VersionGates, InputsNeedAbove559AndJointsAbove355) {
 TEST(Joints, AxisCountComesFromTheControllerOnlyWhenAskedFor) {
   FakeContext f;
   for (int i = 0; i < 20; ++i) {
-    f->state_record.articular_position[i] = 1.0f + static_cast<float>(i);
-    f->state_record.articular_speed[i] = -1.0f - static_cast<float>(i);
+    f->link.state_record.articular_position[i] = 1.0f + static_cast<float>(i);
+    f->link.state_record.articular_speed[i] = -1.0f - static_cast<float>(i);
   }
-  f->state_record.axis_count_wire = 3;
+  f->link.state_record.axis_count_wire = 3;
   float q[21];
   std::fill(std::begin(q), std::end(q), 99.0f);
   EXPECT_EQ(kaloGetArticularPosition(f.get(), q), 0);
@@ -260,11 +260,11 @@ TEST(Joints, AxisCountComesFromTheControllerOnlyWhenAskedFor) {
   uint32_t wire = 0;
   EXPECT_EQ(kaloGetNbAxes(f.get(), &wire), 0);
   EXPECT_EQ(wire, 3u);
-  EXPECT_EQ(f->axis_count, 6) << "kaloGetNbAxes does not adopt the count";
+  EXPECT_EQ(f->link.axis_count, 6) << "kaloGetNbAxes does not adopt the count";
 
   EXPECT_EQ(kaloGetNumberOfAxes(f.get()), 0);
-  EXPECT_EQ(f->axis_count, 3);
-  EXPECT_EQ(f->command_record.axis_count_wire, 3);
+  EXPECT_EQ(f->link.axis_count, 3);
+  EXPECT_EQ(f->link.command_record.axis_count_wire, 3);
   EXPECT_EQ(f.posted(), "") << "the count is copied, not sent";
   std::fill(std::begin(q), std::end(q), 99.0f);
   EXPECT_EQ(kaloGetArticularSpeed(f.get(), q), 0);
@@ -272,18 +272,18 @@ TEST(Joints, AxisCountComesFromTheControllerOnlyWhenAskedFor) {
   EXPECT_EQ(q[3], 99.0f);
 
   // A count beyond the record's room is held to it.
-  f->state_record.axis_count_wire = 1000;
+  f->link.state_record.axis_count_wire = 1000;
   EXPECT_EQ(kaloGetNumberOfAxes(f.get()), 0);
-  EXPECT_EQ(f->axis_count, 20);
+  EXPECT_EQ(f->link.axis_count, 20);
   std::fill(std::begin(q), std::end(q), 99.0f);
   EXPECT_EQ(kaloGetArticularPosition(f.get(), q), 0);
   EXPECT_EQ(q[19], 20.0f);
   EXPECT_EQ(q[20], 99.0f);
 
   float extra = 0;
-  f->state_record.additional_axis_position = 0.75f;
-  f->state_record.additional_axis_speed = -0.5f;
-  f->controller_version = 1.0f; // no gate on the additional axis
+  f->link.state_record.additional_axis_position = 0.75f;
+  f->link.state_record.additional_axis_speed = -0.5f;
+  f->link.controller_version = 1.0f; // no gate on the additional axis
   EXPECT_EQ(kaloGetArticularPositionOfAdditionalAxe(f.get(), &extra), 0);
   EXPECT_EQ(extra, 0.75f);
   EXPECT_EQ(kaloGetArticularSpeedOfAdditionalAxe(f.get(), &extra), 0);
@@ -292,8 +292,8 @@ TEST(Joints, AxisCountComesFromTheControllerOnlyWhenAskedFor) {
 
 TEST(MouseState, ReadEvenWhenTheConnectionIsDown) {
   FakeContext f;
-  f->state_record.mouse_state = {1, 0.25f, -0.5f, 1, 0};
-  f->connected = 0;
+  f->link.state_record.mouse_state = {1, 0.25f, -0.5f, 1, 0};
+  f->link.connected = 0;
   int32_t state = 0;
   float x = 0, y = 0;
   EXPECT_EQ(kaloGetMouseState(f.get(), &state, &x, &y), 0);
@@ -313,8 +313,8 @@ TEST(Readers, NullOutputsAndDeadConnectionsAreRefusedNotFollowed) {
   EXPECT_EQ(kaloGetAnalogicInputs(f.get(), nullptr), -1);
   EXPECT_EQ(kaloGetMouseState(f.get(), nullptr, nullptr, nullptr), -1);
 
-  f->connected = 0;
-  f->state_record.failure = 1;
+  f->link.connected = 0;
+  f->link.state_record.failure = 1;
   EXPECT_EQ(kaloGetError(f.get(), &failed), -1);
   EXPECT_EQ(kaloGetErrorCode(f.get()), 2);
   EXPECT_EQ(kaloDisplayHardwareStatus(f.get()), -1);

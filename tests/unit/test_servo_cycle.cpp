@@ -204,7 +204,7 @@ TEST(ServoConversions, ForcesGoToTheDeviceFrameAndBack) {
   make_pose(Eigen::Vector3d::Zero(),
             Eigen::Quaterniond(Eigen::AngleAxisd(M_PI / 2, Eigen::Vector3d::UnitZ())), p);
   for (int i = 0; i < 7; ++i)
-    ctx->state_record.position[i] = p[i];
+    ctx->link.state_record.position[i] = p[i];
   const float f_in[6] = {1, 0, 0, 0, 0, 2};
   float f_out[6];
   ecriture_force(ctx, f_in, f_out, 0);
@@ -217,7 +217,7 @@ TEST(ServoConversions, ForcesGoToTheDeviceFrameAndBack) {
   // about the device point (a lever of 1 across a force of 1).
   const float shifted[7] = {0, 1, 0, 0, 0, 0, 1};
   for (int i = 0; i < 7; ++i)
-    ctx->state_record.position[i] = shifted[i];
+    ctx->link.state_record.position[i] = shifted[i];
   const float f_x[6] = {1, 0, 0, 0, 0, 0};
   ecriture_force(ctx, f_x, f_out, 0);
   EXPECT_NEAR(f_out[0], 1, 1e-6);
@@ -324,7 +324,7 @@ TEST(ServoCycle, StackComputationEqualsTheRecordComputation) {
     }
     ecriture_gains(ctx, k, b, 0);
     ecriture_gains(slow.get(), k, b, 0);
-    std::copy(state, state + 7, ctx->state_record.position);
+    std::copy(state, state + 7, ctx->link.state_record.position);
     float out[6], ref[6];
 
     lecture_position(ctx, dev, 0);
@@ -376,7 +376,7 @@ TEST(ServoCycle, TenThousandCyclesAllocateNothing) {
   float speed[6] = {0.1f, 0, 0, 0, 0, 0.2f};
   float out[6];
   for (int i = 0; i < 7; ++i)
-    ctx->state_record.position[i] = pose[i];
+    ctx->link.state_record.position[i] = pose[i];
   size_t allocations = 0;
   {
     kalo_test::AllocCounter counter;
@@ -384,7 +384,7 @@ TEST(ServoCycle, TenThousandCyclesAllocateNothing) {
       pose[0] = 0.1f + 1e-6f * static_cast<float>(n % 100);
       lecture_position(ctx, pose, 0);
       lecture_vitesse(ctx, speed, out, 0);
-      ecriture_position(ctx, ctx->state_record.position, 0);
+      ecriture_position(ctx, ctx->link.state_record.position, 0);
       ecriture_vitesse(ctx, speed, out, 0);
       erreur_position(ctx, 0);
       calcul_asserv(ctx, 0);

@@ -131,10 +131,10 @@ TEST(EnergySpeed, ModeChangeRestartsForFiveCalls) {
   KaloContext *ctx = s.get();
   speed(s, 0.0f);
   EXPECT_EQ(speed(s, 10.0f), -1);
-  ctx->vm_default_mode = 1;
+  ctx->vm.vm_default_mode = 1;
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(speed(s, 10.0f), 0) << i;
-    EXPECT_EQ(ctx->vm_default_mode_seen, i == 4 ? 1 : -1) << i;
+    EXPECT_EQ(ctx->vm.vm_default_mode_seen, i == 4 ? 1 : -1) << i;
   }
   EXPECT_EQ(s.point().ec_countdown, 5);
   EXPECT_EQ(speed(s, 10.0f), -1);
@@ -142,7 +142,7 @@ TEST(EnergySpeed, ModeChangeRestartsForFiveCalls) {
 
 TEST(EnergySpeed, SpeedFactorScalesTheTranslationAtRestart) {
   ServoContext s;
-  s.get()->speed_factor_filtered->donnees[0] = 10.0;
+  s.get()->servo.speed_factor_filtered->donnees[0] = 10.0;
   deactive_control_ener_cine(s.get());
   EXPECT_EQ(speed(s, 0.0f), 0);
   EXPECT_EQ(speed(s, 15.0f), 0); // 1.5 m/s once scaled: below 2 m/s

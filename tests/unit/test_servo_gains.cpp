@@ -48,7 +48,7 @@ TEST(ServoGains, PrintoutOnlyWithDebugBitZero) {
 
   ServoContext loud(1);
   const float inertia[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  loud.get()->time_step = 0.5f;
+  loud.get()->params.time_step = 0.5f;
   calcul_gains(loud.get(), inertia, 0, 2.0f);
   EXPECT_EQ(loud.take_output(), "--------- object n 0 ---------\n"
                                 "mass = 2\n"
@@ -83,15 +83,15 @@ TEST(ServoGains, WrittenGainsReadBackInInterfaceOrder) {
 TEST(ServoFilter, StartsAtRestOnTheRequestedFactorAndCanBeRestarted) {
   ServoContext s;
   KaloContext *ctx = s.get();
-  ctx->speed_factor_target->donnees[0] = 0.25;
-  ctx->filter_disabled = 1;
+  ctx->servo.speed_factor_target->donnees[0] = 0.25;
+  ctx->servo.filter_disabled = 1;
   init_filtres(ctx); // the earlier filter is replaced without leaking
-  EXPECT_EQ(ctx->speed_factor_filtered->donnees[0], 0.25);
-  EXPECT_EQ(ctx->filter_disabled.load(), 0u);
-  ASSERT_NE(ctx->speed_factor_filter, nullptr);
-  EXPECT_DOUBLE_EQ(ctx->speed_factor_filter->Tech, 0.0009765625);
+  EXPECT_EQ(ctx->servo.speed_factor_filtered->donnees[0], 0.25);
+  EXPECT_EQ(ctx->servo.filter_disabled.load(), 0u);
+  ASSERT_NE(ctx->servo.speed_factor_filter, nullptr);
+  EXPECT_DOUBLE_EQ(ctx->servo.speed_factor_filter->Tech, 0.0009765625);
   MATD *out = MATD_creer(1, 1);
-  TSIG_filtre_calculer(ctx->speed_factor_filter, ctx->speed_factor_target, out);
+  TSIG_filtre_calculer(ctx->servo.speed_factor_filter, ctx->servo.speed_factor_target, out);
   EXPECT_NEAR(out->donnees[0], 0.25, 1e-12); // at rest: a constant input stays put
   MATD_detruire(out);
 }
@@ -100,10 +100,10 @@ TEST(ServoRecords, EveryPointIsCreatedAndCloseReleasesThem) {
   ServoContext s;
   KaloContext *ctx = s.get();
   close_asserv(ctx);
-  ctx->servo_point_count = 3;
+  ctx->servo.point_count = 3;
   init_asserv(ctx);
   for (int i = 0; i < 3; ++i) {
-    ServoPoint &p = ctx->servo[i];
+    ServoPoint &p = ctx->servo.points[i];
     ASSERT_NE(p.ressort, nullptr);
     ASSERT_NE(p.W_consigne, nullptr);
     EXPECT_EQ(p.ec_restart_pos, 1);
@@ -112,9 +112,9 @@ TEST(ServoRecords, EveryPointIsCreatedAndCloseReleasesThem) {
     EXPECT_EQ(p.pos_trans.ecart_max, 0.005);
     EXPECT_EQ(p.pos_rot.ecart_max, 0.19634954084936207);
   }
-  ctx->servo[0].clock_us = kalo_test::fake_clock;
+  ctx->servo.points[0].clock_us = kalo_test::fake_clock;
   close_asserv(ctx);
-  EXPECT_EQ(ctx->servo, nullptr);
-  ctx->servo_point_count = 1;
+  EXPECT_EQ(ctx->servo.points, nullptr);
+  ctx->servo.point_count = 1;
   init_asserv(ctx); // the fixture closes this one
 }

@@ -10,9 +10,9 @@
 #include <cstdio>
 
 #include "device/context.h"
-#include "device/depl_copy.h"
+#include "servo/depl_copy.h"
 #include "device/events.h"
-#include "device/servo_point.h"
+#include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 
 namespace {
@@ -42,28 +42,29 @@ double follow_peak(EnergyTrack &t, double e) {
 }
 
 double filtered_speed_factor(const KaloContext *ctx) {
-  return ctx->speed_factor_filtered != nullptr ? ctx->speed_factor_filtered->donnees[0] : 1.0;
+  return ctx->servo.speed_factor_filtered != nullptr ? ctx->servo.speed_factor_filtered->donnees[0]
+                                                     : 1.0;
 }
 
 // 0.5 w . (I w)
 double rotational_energy(const KaloContext *ctx, const VECT3 *w, VECT3 *work) {
-  VECT3_mult_par_matrice(ctx->object_inertia, w, work);
+  VECT3_mult_par_matrice(ctx->servo.object_inertia, w, work);
   return 0.5 * VECT3_produit_scalaire(w, work);
 }
 
 double translational_energy(const KaloContext *ctx, const VECT3 *v) {
   const double n = VECT3_norme(v);
-  return 0.5 * ctx->object_mass * n * n;
+  return 0.5 * ctx->servo.object_mass * n * n;
 }
 
 void print(const KaloContext *ctx, const char *text) {
-  if (ctx->output_stream != nullptr)
-    std::fputs(text, ctx->output_stream);
+  if (ctx->params.output_stream != nullptr)
+    std::fputs(text, ctx->params.output_stream);
 }
 
 void print_vector(const KaloContext *ctx, const VECT3 *v) {
-  if (ctx->output_stream != nullptr)
-    std::fprintf(ctx->output_stream, "=> %lf, %lf %lf\n", v[0], v[1], v[2]);
+  if (ctx->params.output_stream != nullptr)
+    std::fprintf(ctx->params.output_stream, "=> %lf, %lf %lf\n", v[0], v[1], v[2]);
 }
 
 // An excess begins: kept as an event, so that the application can tell why
@@ -85,14 +86,14 @@ void end_excess(const KaloContext *ctx, EnergyTrack &t, const char *text) {
 extern "C" {
 
 int32_t init_control_energie_cinetique(KaloContext *ctx) {
-  if (ctx->control_point_count < 1 || ctx->servo == nullptr)
+  if (ctx->link.control_point_count < 1 || ctx->servo.points == nullptr)
     return 0;
-  ServoPoint &p = ctx->servo[0];
-  const double v = static_cast<double>(ctx->max_linear_speed);
-  const double e_trans = 0.5 * ctx->object_mass * v * v;
-  const double w[3] = {static_cast<double>(ctx->max_angular_speed), 0.0, 0.0};
+  ServoPoint &p = ctx->servo.points[0];
+  const double v = static_cast<double>(ctx->params.max_linear_speed);
+  const double e_trans = 0.5 * ctx->servo.object_mass * v * v;
+  const double w[3] = {static_cast<double>(ctx->params.max_angular_speed), 0.0, 0.0};
   double iw[3];
-  VECT3_mult_par_matrice(ctx->object_inertia, w, iw);
+  VECT3_mult_par_matrice(ctx->servo.object_inertia, w, iw);
   const double e_rot = 0.5 * VECT3_produit_scalaire(w, iw);
   p.pos_trans.E_max = e_trans;
   p.vit_trans.E_max = e_trans;
@@ -102,14 +103,14 @@ int32_t init_control_energie_cinetique(KaloContext *ctx) {
 }
 
 void deactive_control_ener_cine(KaloContext *ctx) {
-  if (ctx->control_point_count < 1 || ctx->servo == nullptr)
+  if (ctx->link.control_point_count < 1 || ctx->servo.points == nullptr)
     return;
-  ctx->servo[0].ec_restart_pos = 1;
-  ctx->servo[0].ec_restart_vit = 1;
+  ctx->servo.points[0].ec_restart_pos = 1;
+  ctx->servo.points[0].ec_restart_vit = 1;
 }
 
 int32_t control_ener_cine_position(KaloContext *ctx, const float *pose, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
+  ServoPoint &p = ctx->servo.points[point];
   DEPL_remplir_7_float(p.X_cmd_new, pose);
   QUAT_normaliser(p.X_cmd_new->rot, p.q_norm);
   for (int k = 0; k < 3; ++k)
@@ -207,14 +208,14 @@ int32_t control_ener_cine_position(KaloContext *ctx, const float *pose, int32_t 
 }
 
 int32_t control_ener_cine_vitesse(KaloContext *ctx, const float *speed, int32_t point) {
-  ServoPoint &p = ctx->servo[point];
-  if (ctx->vm_default_mode != ctx->vm_default_mode_seen) {
+  ServoPoint &p = ctx->servo.points[point];
+  if (ctx->vm.vm_default_mode != ctx->vm.vm_default_mode_seen) {
     p.ec_restart_vit = 1;
     --p.ec_countdown;
   }
   if (p.ec_countdown == 0) {
     p.ec_countdown = 5;
-    ctx->vm_default_mode_seen = ctx->vm_default_mode;
+    ctx->vm.vm_default_mode_seen = ctx->vm.vm_default_mode;
   }
   if (p.ec_restart_vit != 0) {
     p.ec_scale_vit = filtered_speed_factor(ctx);
@@ -234,10 +235,10 @@ int32_t control_ener_cine_vitesse(KaloContext *ctx, const float *speed, int32_t 
   const VECT3 *v = p.V_cmd_3->vtrans;
   const double pic_t = follow_peak(tt, translational_energy(ctx, v));
   if (pic_t > tt.E_max) {
-    if (tt.en_depassement == 0 && ctx->output_stream != nullptr) {
-      std::fputs("---- depassement Ec (vitesse de translation) ----\n", ctx->output_stream);
-      std::fprintf(ctx->output_stream, "=> %.3f, %.3f %.3f | %.3f/%.3f\n", v[0], v[1], v[2], pic_t,
-                   tt.E_max);
+    if (tt.en_depassement == 0 && ctx->params.output_stream != nullptr) {
+      std::fputs("---- depassement Ec (vitesse de translation) ----\n", ctx->params.output_stream);
+      std::fprintf(ctx->params.output_stream, "=> %.3f, %.3f %.3f | %.3f/%.3f\n", v[0], v[1], v[2],
+                   pic_t, tt.E_max);
     }
     note_excess(ctx, tt, pic_t);
     tt.en_depassement = 1;

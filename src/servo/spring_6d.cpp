@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <initializer_list>
 
-#include "device/depl_copy.h"
+#include "servo/depl_copy.h"
 #include "math/fixed.h"
 
 using kalo::servo::copy_depl;
