@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -233,14 +234,14 @@ int main(int argc, char **argv) {
       const double us = number(a, "period");
       if (us < 10 || us > 10e6)
         usage_error("period must be between 10 us and 10 s");
-      cfg.period = std::chrono::nanoseconds(static_cast<int64_t>(us * 1000 + 0.5));
+      cfg.period = std::chrono::nanoseconds(std::lround(us * 1000));
       break;
     }
     case 'r': {
       const double hz = number(a, "rate");
       if (hz < 0.1 || hz > 100000)
         usage_error("rate must be between 0.1 and 100000 Hz");
-      cfg.period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / hz + 0.5));
+      cfg.period = std::chrono::nanoseconds(std::lround(1e9 / hz));
       break;
     }
     case kDuration:

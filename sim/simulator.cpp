@@ -4,11 +4,9 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
-#include <cmath>
-#include <cstdarg>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <mutex>
 #include <poll.h>
@@ -17,49 +15,20 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <thread>
-#include <time.h>
 #include <unistd.h>
 
-#include "kalo/kalo_internal.h"
-#include "protocol/field_values.h"
+#include "controller.h"
+#include "fault_injector.h"
 #include "protocol/proto_session.h"
+#include "trace_writer.h"
 
 namespace kalo::sim {
 namespace {
-
-// Sent once to every new client: the state that is not in every frame.
-constexpr Field kSnapshot[] = {Field::center_sphere,
-                               Field::axis_of_rotation,
-                               Field::field_66,
-                               Field::trackball_buttons,
-                               Field::articular_position,
-                               Field::articular_speed,
-                               Field::additional_axis_position,
-                               Field::additional_axis_speed,
-                               Field::analogic_inputs,
-                               Field::tor_inputs};
-// In every state frame.
-constexpr Field kEveryFrame[] = {Field::time_stamp,     Field::position, Field::speed,
-                                 Field::failure,        Field::buttons,  Field::physical_position,
-                                 Field::physical_speed, Field::alarm};
-constexpr uint32_t kPowerBit = 1u << 16;
-constexpr std::size_t kDatagramRoom = kSessionBufferSize;
-constexpr std::size_t kDelaySlots = 4096;
-constexpr std::size_t kTraceBufferLimit = 32u << 20;
 
 int64_t now_ns() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-// State frames are stamped with the low 32 bits of the wall clock in
-// microseconds, as a controller with a synchronised clock does.
-uint32_t wall_clock_us_low32() {
-  timespec ts{};
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<uint32_t>(static_cast<uint64_t>(ts.tv_sec) * 1000000u +
-                               static_cast<uint64_t>(ts.tv_nsec) / 1000u);
 }
 
 void sleep_until_ns(int64_t t) {
@@ -69,117 +38,6 @@ void sleep_until_ns(int64_t t) {
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
   }
 }
-
-bool same_peer(const sockaddr_in &a, const sockaddr_in &b) {
-  return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
-}
-
-// Whether a request (item 20) names a field the controller sends on demand:
-// the counts are in every frame, and hello, close and trajectory samples are
-// no state to report.
-bool answerable(int asked) {
-  const auto f = static_cast<Field>(asked);
-  return asked >= 1 && asked <= kFieldCount && f != Field::control_point_count &&
-         f != Field::axis_count_wire && f != Field::hello && f != Field::close_request &&
-         f != Field::traj_sample;
-}
-
-// Small, fast generator for the fault draws (xorshift64*).
-class Random {
-public:
-  void seed(uint64_t s) { state_ = s ? s : 0x9E3779B97F4A7C15ull; }
-  double uniform() {
-    state_ ^= state_ >> 12;
-    state_ ^= state_ << 25;
-    state_ ^= state_ >> 27;
-    return static_cast<double>((state_ * 0x2545F4914F6CDD1Dull) >> 11) * (1.0 / 9007199254740992.0);
-  }
-  bool chance(double p) { return p > 0 && uniform() < p; }
-
-private:
-  uint64_t state_ = 1;
-};
-
-// The trace file is written by a thread of its own: the frame loop only
-// appends text to a buffer, so a slow disk never delays a frame.
-class TraceWriter {
-public:
-  bool open(const std::string &path, std::string *error) {
-    file_ = std::fopen(path.c_str(), "w");
-    if (file_ == nullptr) {
-      if (error)
-        *error = "cannot open trace file " + path + ": " + std::strerror(errno);
-      return false;
-    }
-    std::fputs("time_s,direction,note,fields\n", file_);
-    front_.reserve(1 << 20);
-    back_.reserve(1 << 20);
-    stop_ = false;
-    thread_ = std::thread([this] { run(); });
-    return true;
-  }
-  bool is_open() const { return file_ != nullptr; }
-  void append(const std::string &line) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (front_.size() + line.size() > kTraceBufferLimit) {
-      lost_.fetch_add(1, std::memory_order_relaxed);
-      return;
-    }
-    front_ += line;
-  }
-  void close() {
-    if (file_ == nullptr)
-      return;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stop_ = true;
-    }
-    cv_.notify_all();
-    thread_.join();
-    std::fclose(file_);
-    file_ = nullptr;
-  }
-  uint64_t lost() const { return lost_.load(std::memory_order_relaxed); }
-
-private:
-  void run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-      cv_.wait_for(lock, std::chrono::milliseconds(20), [this] { return stop_; });
-      front_.swap(back_);
-      const bool last = stop_;
-      lock.unlock();
-      if (!back_.empty())
-        std::fwrite(back_.data(), 1, back_.size(), file_);
-      back_.clear();
-      if (last) {
-        std::fflush(file_);
-        return;
-      }
-      lock.lock();
-    }
-  }
-
-  std::FILE *file_ = nullptr;
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::string front_, back_;
-  bool stop_ = false;
-  std::thread thread_;
-  std::atomic<uint64_t> lost_{0};
-};
-
-struct Override {
-  Field field;
-  std::vector<double> values;
-};
-
-// A datagram held back by the delay fault.
-struct DelaySlot {
-  int64_t due;
-  std::size_t size;
-  std::array<unsigned char, kDatagramRoom> bytes;
-};
 
 } // namespace
 
@@ -203,8 +61,9 @@ bool parse_version(const std::string &text, int &major, int &minor) {
   return true;
 }
 
-struct Simulator::Impl {
-  explicit Impl(Config c) : cfg(std::move(c)), model(cfg.model) {}
+// The socket, the frame loop's thread and what the API threads share with it.
+struct Simulator::Impl final : Wire {
+  explicit Impl(Config c) : cfg(std::move(c)), controller(cfg) {}
 
   Config cfg;
   int fd = -1;
@@ -213,108 +72,43 @@ struct Simulator::Impl {
   std::atomic<bool> stop_flag{false};
   std::atomic<bool> running{false};
   TraceWriter trace;
-  int64_t t0 = 0; // start of the run, for trace times and the model's clock
+  int64_t t0 = 0;       // start of the run, for trace times
+  FaultInjector faults; // pause, silence and restart are set from any thread
 
   // ---- shared with the API threads, under mutex ----
   mutable std::mutex mutex;
   std::condition_variable received_cv;
-  struct Inputs {
-    uint16_t buttons = 0, failure = 0;
-    uint32_t alarm = 0, tor = 0;
-    std::array<float, 7> analog{};
-    std::array<int32_t, 6> trackball{};
-    std::array<float, 3> adc{};
-    std::array<float, kArticularRoom> joint_pos{}, joint_speed{};
-    float add_pos = 0, add_speed = 0;
-    Pose center_sphere{0, 0, 0, 0, 0, 0, 1};
-    Vec3 axis_of_rotation{0, 0, 1};
-    std::optional<Pose> teleport;
-    std::optional<bool> power;
-    std::optional<Hand> hand;
-    std::optional<std::vector<Pose>> trajectory;
-    int ncp = 1, nax = 6;
-    bool counts_dirty = false;
-    std::array<bool, kFieldCount + 1> dirty{};
-    std::vector<Override> once, persistent;
-    bool persistent_dirty = false;
-    bool paused = false;
-    int64_t silent_until = 0;
-    std::optional<Faults> faults;
-    bool restart = false;
-    std::vector<std::vector<uint8_t>> raw; // datagrams to send as they are
-  } in;
-  DeviceState published;
+  Inputs in;
+  std::optional<Faults> new_faults;
+  std::vector<std::vector<uint8_t>> raw; // datagrams to send as they are
+  DeviceState published;                 // the controller as of the loop's last pass
   std::deque<ReceivedFrame> received;
   ExchangeRecord last_cmd{};
 
   struct Counters {
-    std::atomic<uint64_t> sent{0}, received{0}, malformed{0}, foreign{0}, dropped{0}, duplicated{0},
-        corrupted{0}, delayed{0}, late{0}, connections{0};
+    std::atomic<uint64_t> sent{0}, received{0}, malformed{0}, foreign{0}, late{0}, connections{0};
   } counters;
 
   // ---- owned by the frame loop ----
-  ExchangeRecord st{};  // state record: what the controller reports
-  ExchangeRecord cmd{}; // everything the client sent, latest values
-  ExchangeRecord rx{};  // decoding scratch
-  DeviceModel model;
-  bool have_client = false, paused = false;
-  sockaddr_in client{};
-  int ncp = 1, nax = 6;
-  std::array<bool, kFieldCount + 1> pending{};
-  bool echo_upper_bound = false;
-  int32_t traj_remaining = 0, traj_index = 0;
-  std::vector<std::array<float, 7>> traj;
-  std::vector<Pose> traj_path; // the samples to stream; empty: the current pose
-  bool power = false;
-  int mode_byte = 0;
-  bool has_pos_target = false, has_speed_target = false;
-  uint32_t user_alarm = 0;
-  int64_t silent_until = 0;
-  Faults faults;
-  Random random;
-  std::vector<Override> once_local, persistent_local;
-  std::vector<std::vector<uint8_t>> raw_local;
-  std::vector<DelaySlot> delay_queue; // ring buffer, allocated on first use
-  std::size_t delay_head = 0, delay_count = 0;
-  std::array<unsigned char, kFrameCapacity> payload{};
-  std::array<unsigned char, kDatagramRoom> datagram{};
+  Controller controller;
+  std::vector<std::vector<uint8_t>> raw_out;           // taken from raw, sent after the next frame
+  std::array<unsigned char, kFrameCapacity> payload{}; // a received frame, envelope removed
+  std::array<unsigned char, kSessionBufferSize> datagram{};
   std::array<unsigned char, 2048> rx_buffer{};
   std::string line; // trace line being built
-  uint64_t ticks = 0;
 
-  void log(int level, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
   bool open_socket(std::string *error);
-  void init_records();
-  void reset_records();
   void run();
   void drain(int64_t now);
   void handle_datagram(const unsigned char *data, std::size_t size, const sockaddr_in &from,
                        int64_t now);
-  void react(const sockaddr_in &from, int64_t now);
-  void forget_client(bool reset_power);
-  void apply_inputs_locked();
-  void tick(int64_t now);
-  // How late this tick runs after its scheduled time: a controller stamps a
-  // frame with its cycle's time, not with the moment its thread got the CPU.
-  int64_t tick_lag_ns = 0;
-  uint32_t encode_state_frame();
+  void take_inputs_locked();
+  void publish_locked(bool serving);
+  void tick(int64_t now, int64_t lag_ns);
   void send_frame(std::size_t size, int64_t now);
-  void transmit(const unsigned char *bytes, std::size_t size);
-  void flush_delayed(int64_t now);
-  void trace_frame(const ExchangeRecord &r, int64_t now, const char *dir, const char *note);
-  void publish_locked();
+  void transmit(const unsigned char *bytes, std::size_t size) override;
+  double trace_time(int64_t now) const { return static_cast<double>(now - t0) * 1e-9; }
 };
-
-void Simulator::Impl::log(int level, const char *fmt, ...) {
-  if (cfg.verbosity < level)
-    return;
-  char text[256];
-  va_list args;
-  va_start(args, fmt);
-  std::vsnprintf(text, sizeof text, fmt, args);
-  va_end(args);
-  std::fprintf(stderr, "kalo-sim: %s\n", text);
-}
 
 bool Simulator::Impl::open_socket(std::string *error) {
   auto fail = [&](const std::string &what) {
@@ -346,60 +140,6 @@ bool Simulator::Impl::open_socket(std::string *error) {
   return true;
 }
 
-void Simulator::Impl::init_records() {
-  ncp = std::max(0, cfg.control_points);
-  nax = std::max(0, cfg.axes);
-  in.ncp = ncp;
-  in.nax = nax;
-  traj.assign(kTrajSampleRoom, std::array<float, 7>{});
-  reset_records();
-  faults = cfg.faults;
-  random.seed(faults.seed);
-  model.set_hand(cfg.hand);
-  once_local.reserve(16);
-  persistent_local.reserve(16);
-  line.reserve(8192);
-}
-
-// The controller's memory: what it reports and what its clients set.
-void Simulator::Impl::reset_records() {
-  st = ExchangeRecord{};
-  cmd = ExchangeRecord{};
-  st.control_point_count = ncp;
-  st.axis_count_wire = nax;
-  st.controller_version[0] = cfg.version_major;
-  st.controller_version[1] = cfg.version_minor;
-  st.device_id[0] = cfg.device_type;
-  st.device_id[1] = cfg.serial_number;
-  st.max_speed[0] = cfg.max_linear_speed;
-  st.max_speed[1] = cfg.max_angular_speed;
-  std::copy(cfg.stiffness.begin(), cfg.stiffness.end(), st.simulation_stiffness);
-  std::copy(cfg.damping.begin(), cfg.damping.end(), st.simulation_damping);
-  st.vm_base_frame[6] = 1;
-  st.center_sphere[6] = 1;
-  st.axis_of_rotation[2] = 1;
-  st.position[6] = 1;
-  st.physical_position[6] = 1;
-  st.traj_samples = reinterpret_cast<float(*)[7]>(traj.data());
-  cmd.control_point_count = ncp;
-  cmd.axis_count_wire = nax;
-  power = cfg.power_on;
-}
-
-void Simulator::Impl::forget_client(bool reset_power) {
-  have_client = false;
-  pending.fill(false);
-  echo_upper_bound = false;
-  traj_remaining = 0;
-  mode_byte = 0;
-  st.command_type = 0;
-  has_pos_target = has_speed_target = false;
-  std::fill(std::begin(cmd.force), std::end(cmd.force), 0.f);
-  std::fill(std::begin(cmd.added_force), std::end(cmd.added_force), 0.f);
-  if (reset_power)
-    power = cfg.power_on;
-}
-
 // ---- receiving ----
 
 void Simulator::Impl::drain(int64_t now) {
@@ -424,50 +164,39 @@ void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t siz
   if (length < 0 || static_cast<std::size_t>(length) > kFrameCapacity) {
     counters.malformed.fetch_add(1, std::memory_order_relaxed);
     if (trace.is_open()) {
-      line.clear();
-      char head[96];
-      std::snprintf(head, sizeof head, "%.6f,in,malformed,bytes=%zu\n", (now - t0) * 1e-9, size);
-      line += head;
+      format_rejected_line(line, trace_time(now), "malformed", size);
       trace.append(line);
     }
     return;
   }
-  // Decode into a copy of the command record so that a frame that fails
-  // part-way leaves nothing behind. The counts are ours: the client codes its
-  // per-point and per-axis items with the counts we reported.
-  rx = cmd;
-  clear_changes(rx);
-  rx.control_point_count = ncp;
-  rx.axis_count_wire = nax;
-  rx.traj_samples = nullptr;
   std::memcpy(payload.data(), data + 4, static_cast<std::size_t>(length));
-  if (encode_decode(kModeDecode, &rx, payload.data(), static_cast<uint32_t>(length)) ==
-      kCodecFailure) {
+  if (!controller.decode(payload.data(), static_cast<uint32_t>(length))) {
     counters.malformed.fetch_add(1, std::memory_order_relaxed);
     if (trace.is_open()) {
-      line.clear();
-      char head[96];
-      std::snprintf(head, sizeof head, "%.6f,in,undecodable,bytes=%d\n", (now - t0) * 1e-9, length);
-      line += head;
+      format_rejected_line(line, trace_time(now), "undecodable", static_cast<std::size_t>(length));
       trace.append(line);
     }
     return;
   }
   counters.received.fetch_add(1, std::memory_order_relaxed);
+  const ExchangeRecord &rx = controller.decoded();
   const bool hello = carries(rx, Field::hello);
-  const bool from_client = have_client && same_peer(from, client);
-  if (trace.is_open())
-    trace_frame(rx, now, "in", hello || from_client ? "" : "foreign");
-  if (hello || from_client) {
-    cmd = rx;
-    react(from, now);
+  const bool accepted = hello || controller.serves(from);
+  if (trace.is_open()) {
+    format_frame_line(line, trace_time(now), "in", accepted ? "" : "foreign", rx);
+    trace.append(line);
+  }
+  if (accepted) {
+    controller.accept(from);
+    if (hello)
+      counters.connections.fetch_add(1, std::memory_order_relaxed);
   } else {
     counters.foreign.fetch_add(1, std::memory_order_relaxed);
   }
 
   std::lock_guard<std::mutex> lock(mutex);
-  if (hello || from_client)
-    last_cmd = cmd;
+  if (accepted)
+    last_cmd = controller.command();
   if (!cfg.record_received)
     return;
   ReceivedFrame f;
@@ -484,386 +213,70 @@ void Simulator::Impl::handle_datagram(const unsigned char *data, std::size_t siz
   received_cv.notify_all();
 }
 
-void Simulator::Impl::react(const sockaddr_in &from, int64_t now) {
-  auto changed = [this](Field f) { return carries(cmd, f); };
-  if (changed(Field::hello)) {
-    // A hello from the client being served (it heard nothing for a while)
-    // resumes the connection as it was; anyone else's starts a new one.
-    if (!(have_client && same_peer(from, client)))
-      forget_client(false);
-    have_client = true;
-    client = from;
-    for (Field f : kSnapshot) // the device's state that is not in every frame
-      pending[id(f)] = true;
-    counters.connections.fetch_add(1, std::memory_order_relaxed);
-    char host[INET_ADDRSTRLEN] = "?";
-    inet_ntop(AF_INET, &from.sin_addr, host, sizeof host);
-    log(1, "client %s:%u connected", host, ntohs(from.sin_port));
-  }
-  if (changed(Field::command_type)) {
-    mode_byte = static_cast<unsigned char>(cmd.command_type);
-    st.command_type = cmd.command_type;
-    has_pos_target = has_speed_target = false; // set-points of the old mode do not carry over
-    log(2, "command type byte %d", mode_byte);
-  }
-  if (changed(Field::power_on)) {
-    power = cmd.power_on != 0;
-    log(2, "power %s", power ? "on" : "off");
-  }
-  if (changed(Field::position)) {
-    has_pos_target = true;
-    has_speed_target = false;
-  }
-  if (changed(Field::speed) && !changed(Field::position)) {
-    has_speed_target = true;
-    has_pos_target = false;
-  }
-  if (changed(Field::simulation_stiffness))
-    std::copy(std::begin(cmd.simulation_stiffness), std::end(cmd.simulation_stiffness),
-              st.simulation_stiffness);
-  if (changed(Field::simulation_damping))
-    std::copy(std::begin(cmd.simulation_damping), std::end(cmd.simulation_damping),
-              st.simulation_damping);
-  if (changed(Field::vm_base_frame))
-    std::copy(std::begin(cmd.vm_base_frame), std::end(cmd.vm_base_frame), st.vm_base_frame);
-  if (changed(Field::vm_base_frame_to_current)) {
-    const Pose &p = model.pose();
-    std::copy(p.begin(), p.end(), st.vm_base_frame);
-  }
-  if (changed(Field::traj_sample_count)) {
-    traj_remaining = std::max(0, cmd.traj_sample_count);
-    traj_index = 0;
-    log(2, "sampling %d trajectory points", traj_remaining);
-  }
-  if (changed(Field::vm_wait_upper_bound))
-    echo_upper_bound = true;
-  if (changed(Field::request)) {
-    const int asked = cmd.request;
-    log(2, "request %d (%s)", asked, field_name(asked));
-    if (answerable(asked))
-      pending[asked] = true;
-  }
-  if (changed(Field::close_request)) {
-    log(1, "client closed the connection");
-    forget_client(false);
-  }
-  (void)now;
-}
-
 // ---- sending ----
 
-void Simulator::Impl::apply_inputs_locked() {
-  auto mark = [&](Field f) {
-    if (in.dirty[id(f)]) {
-      pending[id(f)] = true;
-      in.dirty[id(f)] = false;
-      return true;
-    }
-    return false;
-  };
-  st.buttons = static_cast<int16_t>(in.buttons);
-  st.failure = static_cast<int16_t>(in.failure);
-  user_alarm = in.alarm;
-  if (mark(Field::tor_inputs))
-    st.tor_inputs = static_cast<int32_t>(in.tor);
-  if (mark(Field::analogic_inputs))
-    std::copy(in.analog.begin(), in.analog.end(), st.analogic_inputs);
-  if (mark(Field::trackball_buttons))
-    std::copy(in.trackball.begin(), in.trackball.end(), st.trackball_buttons);
-  if (mark(Field::field_66))
-    std::copy(in.adc.begin(), in.adc.end(), st.field_66);
-  const bool joints = mark(Field::articular_position);
-  if (mark(Field::articular_speed) || joints) {
-    std::copy(in.joint_pos.begin(), in.joint_pos.end(), st.articular_position);
-    std::copy(in.joint_speed.begin(), in.joint_speed.end(), st.articular_speed);
+void Simulator::Impl::take_inputs_locked() {
+  controller.apply(in);
+  if (new_faults) {
+    faults.set(*new_faults);
+    new_faults.reset();
   }
-  const bool extra_axis = mark(Field::additional_axis_position);
-  if (mark(Field::additional_axis_speed) || extra_axis) {
-    st.additional_axis_position = in.add_pos;
-    st.additional_axis_speed = in.add_speed;
-  }
-  if (mark(Field::center_sphere))
-    std::copy(in.center_sphere.begin(), in.center_sphere.end(), st.center_sphere);
-  if (mark(Field::axis_of_rotation))
-    std::copy(in.axis_of_rotation.begin(), in.axis_of_rotation.end(), st.axis_of_rotation);
-  if (in.teleport) {
-    model.teleport(*in.teleport);
-    in.teleport.reset();
-  }
-  if (in.power) {
-    power = *in.power;
-    in.power.reset();
-  }
-  if (in.hand) {
-    model.set_hand(*in.hand);
-    in.hand.reset();
-  }
-  if (in.trajectory) {
-    traj_path.swap(*in.trajectory);
-    in.trajectory.reset();
-  }
-  if (in.counts_dirty) {
-    ncp = in.ncp;
-    nax = in.nax;
-    cmd.control_point_count = ncp;
-    cmd.axis_count_wire = nax;
-    in.counts_dirty = false;
-  }
-  for (Override &o : in.once)
-    once_local.push_back(std::move(o));
-  in.once.clear();
-  if (in.persistent_dirty) {
-    persistent_local = in.persistent; // copies only when the set changed
-    in.persistent_dirty = false;
-  }
-  paused = in.paused;
-  silent_until = in.silent_until;
-  if (in.faults) {
-    faults = *in.faults;
-    random.seed(faults.seed);
-    in.faults.reset();
-  }
-  if (in.restart) {
+  if (faults.take_restart()) {
     // As a reboot: the client, what it set and what was in flight are gone;
     // only a new hello starts the stream again.
-    in.restart = false;
-    if (have_client)
-      log(1, "restart: client forgotten");
-    forget_client(true);
-    reset_records();
-    delay_head = delay_count = 0;
-    raw_local.clear();
-    in.raw.clear();
+    controller.restart();
+    faults.drop_held();
+    raw_out.clear();
+    raw.clear();
   }
-  for (auto &d : in.raw)
-    raw_local.push_back(std::move(d));
-  in.raw.clear();
+  for (auto &d : raw)
+    raw_out.push_back(std::move(d));
+  raw.clear();
 }
 
-void Simulator::Impl::publish_locked() {
-  published.client = have_client;
-  published.streaming = have_client && !paused;
-  published.mode_byte = mode_byte;
-  published.power = power;
-  published.pose = model.pose();
-  published.speed = model.speed();
-  published.alarm = static_cast<uint32_t>(st.alarm);
+void Simulator::Impl::publish_locked(bool serving) {
+  published = controller.status();
+  published.client = published.client && serving;
+  published.streaming = published.client && !faults.paused();
 }
 
-void Simulator::Impl::tick(int64_t now) {
+void Simulator::Impl::tick(int64_t now, int64_t lag_ns) {
   {
     std::lock_guard<std::mutex> lock(mutex);
-    apply_inputs_locked();
+    take_inputs_locked();
   }
-  const float dt = static_cast<float>(std::chrono::duration<double>(cfg.period).count());
-  ModelInputs mi;
-  mi.mode_byte = mode_byte;
-  mi.power = power;
-  std::copy(std::begin(cmd.force), std::end(cmd.force), mi.force.begin());
-  std::copy(std::begin(cmd.added_force), std::end(cmd.added_force), mi.added_force.begin());
-  std::copy(std::begin(cmd.position), std::end(cmd.position), mi.target.begin());
-  std::copy(std::begin(cmd.speed), std::end(cmd.speed), mi.target_speed.begin());
-  mi.has_position_target = has_pos_target;
-  mi.has_speed_target = has_speed_target;
-  std::copy(std::begin(st.simulation_stiffness), std::end(st.simulation_stiffness),
-            mi.stiffness.begin());
-  std::copy(std::begin(st.simulation_damping), std::end(st.simulation_damping), mi.damping.begin());
-  mi.max_linear_speed = cfg.max_linear_speed;
-  mi.max_angular_speed = cfg.max_angular_speed;
-  model.step(static_cast<double>(ticks) * dt, dt, mi);
-  ++ticks;
-
-  const Pose &p = model.pose();
-  const Twist &v = model.speed();
-  std::copy(p.begin(), p.end(), st.position);
-  std::copy(v.begin(), v.end(), st.speed);
-  std::copy(p.begin(), p.end(), st.physical_position);
-  std::copy(v.begin(), v.end(), st.physical_speed);
-  uint32_t alarm = (user_alarm & ~(kPowerBit | 0x3Fu)) | model.bound_bits();
-  if (power)
-    alarm |= kPowerBit;
-  st.alarm = static_cast<int32_t>(alarm);
-
-  const bool sending = have_client && !paused && now >= silent_until;
+  const bool sending = controller.client() && faults.may_send(now);
+  const uint32_t size = controller.tick(sending, lag_ns);
+  if (size > 0) {
+    if (trace.is_open())
+      format_frame_line(line, trace_time(now), "out", "", controller.state());
+    send_frame(size, now);
+  }
   if (sending) {
-    clear_changes(st);
-    st.time_stamp =
-        static_cast<int32_t>(wall_clock_us_low32() - static_cast<uint32_t>(tick_lag_ns / 1000));
-    for (Field f : kEveryFrame)
-      st.field_changed[id(f)] = 1;
-    for (int i = 1; i <= kFieldCount; ++i)
-      if (pending[i]) {
-        st.field_changed[i] = 1;
-        pending[i] = false;
-      }
-    if (echo_upper_bound) {
-      post_field(st, Field::vm_wait_upper_bound);
-      echo_upper_bound = false;
-    }
-    if (traj_remaining > 0) {
-      st.list_index = traj_index;
-      const Pose &sample = traj_path.empty()
-                               ? p
-                               : traj_path[static_cast<std::size_t>(traj_index) % traj_path.size()];
-      if (traj_index < kTrajSampleRoom)
-        std::copy(sample.begin(), sample.end(), traj[static_cast<std::size_t>(traj_index)].begin());
-      post_field(st, Field::traj_sample);
-      ++traj_index;
-      --traj_remaining;
-    }
-    for (auto *list : {&persistent_local, &once_local})
-      for (const Override &o : *list) {
-        // The counts are the simulator's own (set_counts): a frame sized by a
-        // count the record cannot hold would be read past its members.
-        if (o.field == Field::control_point_count || o.field == Field::axis_count_wire)
-          continue;
-        put_values(st, o.field, o.values);
-        if (o.field == Field::traj_sample && st.list_index >= 0 && st.list_index < kTrajSampleRoom)
-          std::copy(o.values.begin() + std::min<std::size_t>(1, o.values.size()),
-                    o.values.begin() + std::min<std::size_t>(8, o.values.size()),
-                    traj[static_cast<std::size_t>(st.list_index)].begin());
-        post_field(st, o.field);
-      }
-    once_local.clear();
-    const int32_t index = st.list_index;
-    const uint32_t size = encode_state_frame();
-    if (size == kCodecFailure) {
-      log(0, "state frame does not fit in %u bytes: fields put by the test are dropped",
-          kFrameCapacity);
-    } else {
-      if (trace.is_open()) {
-        st.list_index = index;
-        trace_frame(st, now, "out", nullptr);
-      }
-      send_frame(size, now);
-    }
-    for (const auto &d : raw_local)
+    for (const auto &d : raw_out)
       transmit(d.data(), d.size());
-    raw_local.clear();
+    raw_out.clear();
   }
   std::lock_guard<std::mutex> lock(mutex);
-  publish_locked();
-}
-
-// The counts (items 52 and 69) head every state frame, so that the items
-// they size are always read with the counts of the same frame and no single
-// lost frame can desynchronise a client. The rest follows in the usual
-// descending order.
-uint32_t Simulator::Impl::encode_state_frame() {
-  std::array<uint32_t, kFieldCount + 1> body{};
-  std::copy(std::begin(st.field_changed), std::end(st.field_changed), body.begin());
-  clear_changes(st);
-  st.control_point_count = ncp;
-  st.axis_count_wire = nax;
-  post_field(st, Field::control_point_count);
-  post_field(st, Field::axis_count_wire);
-  const uint32_t head = encode_decode(kModeEncode, &st, payload.data(), kFrameCapacity);
-  std::copy(body.begin(), body.end(), std::begin(st.field_changed));
-  st.field_changed[id(Field::control_point_count)] = st.field_changed[id(Field::axis_count_wire)] =
-      0;
-  const uint32_t rest =
-      head == kCodecFailure
-          ? kCodecFailure
-          : encode_decode(kModeEncode, &st, payload.data() + head, kFrameCapacity - head);
-  post_field(st, Field::control_point_count); // for the trace
-  post_field(st, Field::axis_count_wire);
-  if (rest == kCodecFailure || head + rest > kFrameCapacity)
-    return kCodecFailure;
-  return head + rest;
-}
-
-void Simulator::Impl::transmit(const unsigned char *bytes, std::size_t size) {
-  if (!have_client)
-    return;
-  ::sendto(fd, bytes, size, 0, reinterpret_cast<const sockaddr *>(&client), sizeof client);
+  publish_locked(true);
 }
 
 void Simulator::Impl::send_frame(std::size_t size, int64_t now) {
-  const std::size_t n = envelope_wrap(payload.data(), size, datagram.data());
+  const std::size_t n = envelope_wrap(controller.frame(), size, datagram.data());
   counters.sent.fetch_add(1, std::memory_order_relaxed);
-  const char *note = "";
-  if (random.chance(faults.drop_ratio)) {
-    counters.dropped.fetch_add(1, std::memory_order_relaxed);
-    note = "dropped";
-  } else {
-    if (random.chance(faults.corrupt_ratio)) {
-      datagram[n - 1] ^= 0x5A;
-      counters.corrupted.fetch_add(1, std::memory_order_relaxed);
-      note = "corrupt";
-    }
-    const bool twice = random.chance(faults.duplicate_ratio);
-    if (twice)
-      counters.duplicated.fetch_add(1, std::memory_order_relaxed);
-    if (faults.delay_us > 0 && random.chance(faults.delay_ratio)) {
-      if (delay_queue.empty())
-        delay_queue.resize(kDelaySlots); // once, the first time the fault is used
-      for (int copy = 0; copy < (twice ? 2 : 1); ++copy) {
-        if (delay_count == kDelaySlots) { // full: the oldest goes now
-          flush_delayed(INT64_MAX / 2);
-        }
-        DelaySlot &slot = delay_queue[(delay_head + delay_count) % kDelaySlots];
-        slot.due = now + static_cast<int64_t>(faults.delay_us) * 1000;
-        slot.size = n;
-        std::memcpy(slot.bytes.data(), datagram.data(), n);
-        ++delay_count;
-      }
-      counters.delayed.fetch_add(1, std::memory_order_relaxed);
-      if (!*note)
-        note = "delayed";
-    } else {
-      transmit(datagram.data(), n);
-      if (twice)
-        transmit(datagram.data(), n);
-    }
-    if (twice && !*note)
-      note = "duplicate";
-  }
-  if (trace.is_open() && *note) {
-    // the line is complete; rewrite its note column
-    const auto first = line.find(',', line.find(',') + 1);
-    if (first != std::string::npos)
-      line.insert(first + 1, note);
-  }
-  if (trace.is_open())
+  const char *note = faults.send(datagram.data(), n, now, *this);
+  if (trace.is_open()) {
+    if (*note)
+      set_line_note(line, note);
     trace.append(line);
-}
-
-void Simulator::Impl::flush_delayed(int64_t now) {
-  while (delay_count > 0) {
-    DelaySlot &slot = delay_queue[delay_head];
-    if (slot.due > now)
-      return;
-    transmit(slot.bytes.data(), slot.size);
-    delay_head = (delay_head + 1) % kDelaySlots;
-    --delay_count;
   }
 }
 
-void Simulator::Impl::trace_frame(const ExchangeRecord &r, int64_t now, const char *dir,
-                                  const char *note) {
-  line.clear();
-  char head[64];
-  std::snprintf(head, sizeof head, "%.6f,%s,,", (now - t0) * 1e-9, dir);
-  line += head;
-  if (note != nullptr && *note)
-    line.insert(line.size() - 1, note);
-  bool first = true;
-  for (int i = 1; i <= kFieldCount; ++i) {
-    if (!r.field_changed[i])
-      continue;
-    if (!first)
-      line += ';';
-    first = false;
-    line += std::to_string(i); // short strings stay in place: no allocation
-    const auto f = static_cast<Field>(i);
-    if (has_values(f)) {
-      line += '=';
-      append_values(r, f, line);
-    }
-  }
-  line += '\n';
-  if (note != nullptr) // received frames are complete here; sent ones after the faults
-    trace.append(line);
+void Simulator::Impl::transmit(const unsigned char *bytes, std::size_t size) {
+  const auto &client = controller.client();
+  if (!client)
+    return;
+  ::sendto(fd, bytes, size, 0, reinterpret_cast<const sockaddr *>(&*client), sizeof *client);
 }
 
 void Simulator::Impl::run() {
@@ -879,20 +292,19 @@ void Simulator::Impl::run() {
   int64_t next = now_ns();
   bool was_streaming = false;
   while (!stop_flag.load(std::memory_order_relaxed)) {
-    const bool streaming = have_client && !paused;
+    const bool streaming = controller.client() && !faults.paused();
     if (!streaming) {
-      // Nothing to pace: wait for traffic, but keep applying the API's
+      // Nothing to pace: wait for traffic, but keep taking the API's
       // inputs so that pause/resume and restart take effect.
-      int timeout_ms = 2;
       pollfd pfd{fd, POLLIN, 0};
-      ::poll(&pfd, 1, timeout_ms);
+      ::poll(&pfd, 1, 2);
       const int64_t now = now_ns();
       drain(now);
-      flush_delayed(now);
+      faults.flush(now, *this);
       {
         std::lock_guard<std::mutex> lock(mutex);
-        apply_inputs_locked();
-        publish_locked();
+        take_inputs_locked();
+        publish_locked(true);
       }
       was_streaming = false;
       continue;
@@ -902,23 +314,23 @@ void Simulator::Impl::run() {
       was_streaming = true;
     }
     int64_t wake = next;
-    if (delay_count > 0)
-      wake = std::min(wake, delay_queue[delay_head].due);
+    if (faults.holding())
+      wake = std::min(wake, faults.next_due());
     sleep_until_ns(wake);
-    int64_t now = now_ns();
+    const int64_t now = now_ns();
     drain(now);
-    flush_delayed(now);
+    faults.flush(now, *this);
     if (now < next)
       continue;
-    tick_lag_ns = now - next;
-    tick(now);
-    tick_lag_ns = 0;
+    tick(now, now - next);
     next += period;
     if (now - next > resync) {
       next = now + period;
       counters.late.fetch_add(1, std::memory_order_relaxed);
     }
   }
+  std::lock_guard<std::mutex> lock(mutex);
+  publish_locked(false);
 }
 
 // ---- the API ----
@@ -948,7 +360,9 @@ bool Simulator::start(std::string *error) {
     s.fd = -1;
     return false;
   }
-  s.init_records();
+  s.controller.start();
+  s.faults.set(s.cfg.faults);
+  s.faults.drop_held();
   s.t0 = now_ns();
   s.stop_flag = false;
   s.running = true;
@@ -965,10 +379,7 @@ void Simulator::stop() {
   s.trace.close();
   ::close(s.fd);
   s.fd = -1;
-  s.have_client = false;
   s.running = false;
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.published.client = s.published.streaming = false;
 }
 
 bool Simulator::running() const {
@@ -1008,15 +419,16 @@ DeviceState Simulator::device() const {
 
 Stats Simulator::stats() const {
   const auto &c = impl_->counters;
+  const auto &f = impl_->faults;
   Stats s;
   s.frames_sent = c.sent.load();
   s.frames_received = c.received.load();
   s.malformed = c.malformed.load();
   s.foreign = c.foreign.load();
-  s.dropped = c.dropped.load();
-  s.duplicated = c.duplicated.load();
-  s.corrupted = c.corrupted.load();
-  s.delayed = c.delayed.load();
+  s.dropped = f.dropped.load();
+  s.duplicated = f.duplicated.load();
+  s.corrupted = f.corrupted.load();
+  s.delayed = f.delayed.load();
   s.late_ticks = c.late.load();
   s.trace_lost = impl_->trace.lost();
   s.connections = c.connections.load();
@@ -1093,51 +505,46 @@ void Simulator::set_hand(const Hand &h) {
   KALO_SIM_SET(in.hand = h);
 }
 void Simulator::set_counts(int control_points, int axes) {
-  KALO_SIM_SET(in.ncp = std::max(0, control_points); in.nax = std::max(0, axes);
-               in.counts_dirty = true);
+  const std::array<int, 2> counts{std::max(0, control_points), std::max(0, axes)};
+  KALO_SIM_SET(in.counts = counts);
 }
 
 void Simulator::put_field(Field f, std::span<const double> values, bool persistent) {
   if (id(f) < 1 || id(f) > kFieldCount)
     return;
-  Override o{f, std::vector<double>(values.begin(), values.end())};
-  KALO_SIM_SET({
-    if (persistent) {
-      std::erase_if(in.persistent, [f](const Override &x) { return x.field == f; });
-      in.persistent.push_back(std::move(o));
-      in.persistent_dirty = true;
-    } else {
-      in.once.push_back(std::move(o));
-    }
-  });
+  FieldEdit e{persistent ? FieldEdit::Kind::Persistent : FieldEdit::Kind::Once, f,
+              std::vector<double>(values.begin(), values.end())};
+  KALO_SIM_SET(in.edits.push_back(std::move(e)));
 }
 void Simulator::clear_fields() {
-  KALO_SIM_SET(in.persistent.clear(); in.persistent_dirty = true);
+  FieldEdit e{FieldEdit::Kind::ClearAll, Field{}, {}};
+  KALO_SIM_SET(in.edits.push_back(std::move(e)));
 }
 void Simulator::clear_field(Field f) {
-  KALO_SIM_SET(std::erase_if(in.persistent, [f](const Override &x) { return x.field == f; });
-               in.persistent_dirty = true);
+  FieldEdit e{FieldEdit::Kind::Clear, f, {}};
+  KALO_SIM_SET(in.edits.push_back(std::move(e)));
 }
 
 void Simulator::pause() {
-  KALO_SIM_SET(in.paused = true);
+  impl_->faults.pause(true);
 }
 void Simulator::resume() {
-  KALO_SIM_SET(in.paused = false);
+  impl_->faults.pause(false);
 }
 void Simulator::set_faults(const Faults &f) {
-  KALO_SIM_SET(in.faults = f);
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->new_faults = f;
 }
 void Simulator::go_silent(std::chrono::milliseconds duration) {
-  const int64_t until =
-      now_ns() + std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count();
-  KALO_SIM_SET(in.silent_until = until);
+  impl_->faults.silence_until(
+      now_ns() + std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count());
 }
 void Simulator::restart() {
-  KALO_SIM_SET(in.restart = true);
+  impl_->faults.request_restart();
 }
 void Simulator::send_datagram(std::span<const uint8_t> bytes) {
-  KALO_SIM_SET(in.raw.emplace_back(bytes.begin(), bytes.end()));
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->raw.emplace_back(bytes.begin(), bytes.end());
 }
 
 #undef KALO_SIM_SET
