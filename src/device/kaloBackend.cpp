@@ -116,7 +116,7 @@ void tick_loop(KaloContext *ctx) {
 // Ends the thread: the post is the thread's last access to the context.
 void *finish(KaloContext *ctx, intptr_t result) {
   TR_poster_semaphore(ctx->link.backend_exited);
-  return reinterpret_cast<void *>(result);
+  return reinterpret_cast<void *>(result); // NOLINT(performance-no-int-to-ptr): pthread result
 }
 
 } // namespace

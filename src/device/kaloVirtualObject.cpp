@@ -104,7 +104,7 @@ int detach(KaloContext *ctx, kalo::Field field) {
     if (ctx->servo.gain_stiffness_buffer == nullptr || ctx->servo.gain_damping_buffer == nullptr)
       return 0;
     points = kalo::points_in_use(*ctx);
-    const auto floats = static_cast<size_t>(6 * ctx->servo.point_array_count);
+    const auto floats = 6 * static_cast<size_t>(ctx->servo.point_array_count);
     std::memset(ctx->servo.gain_stiffness_buffer, 0, sizeof(float) * floats);
     std::memset(ctx->servo.gain_damping_buffer, 0, sizeof(float) * floats);
     for (int32_t i = 0; i < points; ++i)

@@ -16,7 +16,9 @@ using wire::Repeat;
 using wire::Segment;
 
 unsigned bounded(int32_t count, int room) {
-  return count <= 0 ? 0u : count < room ? static_cast<unsigned>(count) : static_cast<unsigned>(room);
+  return count <= 0     ? 0u
+         : count < room ? static_cast<unsigned>(count)
+                        : static_cast<unsigned>(room);
 }
 
 // Calls fn(kind, address) for each value of the field that the record has
@@ -73,7 +75,10 @@ template <class Rec, class Fn> void for_each_value(Rec &record, Field f, Fn &&fn
 // is -1 in a short); a NaN or a value beyond 64 bits never reaches the cast.
 template <class T> T integer(double v) {
   constexpr double top = 9.2e18;
-  const int64_t x = !(v == v) ? 0 : v > top ? INT64_MAX : v < -top ? INT64_MIN : static_cast<int64_t>(v);
+  const int64_t x = !(v == v)  ? 0
+                    : v > top  ? INT64_MAX
+                    : v < -top ? INT64_MIN
+                               : static_cast<int64_t>(v);
   return static_cast<T>(x);
 }
 

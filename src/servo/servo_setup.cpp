@@ -23,7 +23,46 @@ void init_track(EnergyTrack &t, double ecart_max) {
   t.ecart_max = ecart_max;
 }
 
-void create_point(ServoPoint &p) {
+// Every record a point owns: the one list that the allocation check and the
+// release walk.
+template <class Visit> void each_record(ServoPoint &p, Visit &&visit) {
+  for (DEPL **d : {&p.X_dev, &p.H_rel, &p.X_dev_inv, &p.X_obj, &p.X_obj_inv, &p.X_cmd_new,
+                   &p.X_offset, &p.X_cmd, &p.X_cmd_prev, &p.X_ref, &p.X_catch, &p.X_obj_catch})
+    visit(*d);
+  for (MATD **m : {&p.Ad_obj, &p.Ad_obj_inv, &p.Ad_dev_inv, &p.K, &p.B, &p.K_aux, &p.identite3,
+                   &p.m3[0], &p.m3[1], &p.m3[2]})
+    visit(*m);
+  for (TORS **t : {&p.V_dev_in,   &p.V_dev,        &p.V_dev_proj,     &p.V_obj_in,  &p.V_obj_proj,
+                   &p.V_obj,      &p.V_err,        &p.V_err_obj,      &p.W_amort,   &p.W_total,
+                   &p.W_consigne, &p.W_texture_in, &p.W_texture_proj, &p.W_texture, &p.W_dev_in,
+                   &p.W_dev_proj, &p.W_dev,        &p.w_tmp[0],       &p.w_tmp[1],  &p.V_cmd,
+                   &p.V_cmd_1,    &p.V_cmd_2,      &p.V_cmd_3})
+    visit(*t);
+  for (VECT3 **v : {&p.dt, &p.dr, &p.ec_vit_lin, &p.ec_vit_rot, &p.ec_work})
+    visit(*v);
+  visit(p.ressort);
+  visit(p.q_norm);
+  visit(p.dq);
+}
+
+bool all_allocated(ServoPoint &p) {
+  bool all = true;
+  each_record(p, [&all](const auto *record) { all = all && record != nullptr; });
+  return all;
+}
+
+struct Release {
+  void operator()(DEPL *d) const { DEPL_detruire(d); }
+  void operator()(MATD *m) const { MATD_detruire(m); }
+  void operator()(TORS *t) const { TORS_detruire(t); }
+  void operator()(VECT3 *v) const { VECT3_detruire(v); }
+  void operator()(QUAT *q) const { QUAT_detruire(q); }
+  void operator()(LIN_SPR_6D *s) const { LIN_SPR_6D_delete(s); }
+};
+
+// Allocates one point's records; false when any allocation failed (what was
+// allocated is then released by release_point).
+bool create_point(ServoPoint &p) {
   p = ServoPoint{};
   for (DEPL **d : {&p.X_dev, &p.H_rel, &p.X_dev_inv, &p.X_obj, &p.X_obj_inv, &p.X_cmd_new,
                    &p.X_offset, &p.X_cmd, &p.X_cmd_prev, &p.X_ref, &p.X_catch, &p.X_obj_catch})
@@ -44,6 +83,8 @@ void create_point(ServoPoint &p) {
     *v = VECT3_creer();
   p.q_norm = QUAT_creer();
   p.dq = QUAT_creer();
+  if (p.X_ref == nullptr || !all_allocated(p)) // X_ref named for the analyzer, read below
+    return false;
   p.X_ref_own_vect = p.X_ref->rot->partie_vect;
 
   p.ec_restart_pos = 1;
@@ -56,30 +97,15 @@ void create_point(ServoPoint &p) {
   init_track(p.vit_trans, 0.0);
   init_track(p.vit_rot, 0.0);
   p.clock_us = monotonic_us;
+  return true;
 }
 
 void release_point(ServoPoint &p) {
   // X_ref may read its rotation's vector part from X_cmd_prev's storage; give
   // it back its own so that each vector is released exactly once.
-  if (p.X_ref != nullptr && p.X_ref->rot != nullptr)
+  if (p.X_ref != nullptr && p.X_ref->rot != nullptr && p.X_ref_own_vect != nullptr)
     p.X_ref->rot->partie_vect = p.X_ref_own_vect;
-  for (DEPL *d : {p.X_dev, p.H_rel, p.X_dev_inv, p.X_obj, p.X_obj_inv, p.X_cmd_new, p.X_offset,
-                  p.X_cmd, p.X_cmd_prev, p.X_ref, p.X_catch, p.X_obj_catch})
-    DEPL_detruire(d);
-  for (MATD *m : {p.Ad_obj, p.Ad_obj_inv, p.Ad_dev_inv, p.K, p.B, p.K_aux, p.identite3, p.m3[0],
-                  p.m3[1], p.m3[2]})
-    MATD_detruire(m);
-  for (TORS *t :
-       {p.V_dev_in,       p.V_dev,     p.V_dev_proj, p.V_obj_in,   p.V_obj_proj, p.V_obj,
-        p.V_err,          p.V_err_obj, p.W_amort,    p.W_total,    p.W_consigne, p.W_texture_in,
-        p.W_texture_proj, p.W_texture, p.W_dev_in,   p.W_dev_proj, p.W_dev,      p.w_tmp[0],
-        p.w_tmp[1],       p.V_cmd,     p.V_cmd_1,    p.V_cmd_2,    p.V_cmd_3})
-    TORS_detruire(t);
-  LIN_SPR_6D_delete(p.ressort);
-  for (VECT3 *v : {p.dt, p.dr, p.ec_vit_lin, p.ec_vit_rot, p.ec_work})
-    VECT3_detruire(v);
-  QUAT_detruire(p.q_norm);
-  QUAT_detruire(p.dq);
+  each_record(p, Release{});
   p = ServoPoint{};
 }
 
@@ -94,8 +120,17 @@ int32_t init_asserv(KaloContext *ctx) {
             : nullptr;
   if (ctx->servo.points == nullptr)
     return 0;
+  bool complete = true;
   for (int32_t i = 0; i < n; ++i)
-    create_point(ctx->servo.points[i]);
+    complete = create_point(ctx->servo.points[i]) && complete;
+  if (!complete) {
+    // Out of memory: no servo rather than one that would dereference a
+    // missing record; the walks over control points then find none.
+    for (int32_t i = 0; i < n; ++i)
+      release_point(ctx->servo.points[i]);
+    std::free(ctx->servo.points);
+    ctx->servo.points = nullptr;
+  }
   return 0;
 }
 

