@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "device/url.h"
+#include "link/url.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
   const std::string text(reinterpret_cast<const char *>(data), size);

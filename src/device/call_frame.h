@@ -7,8 +7,8 @@
 #include <cmath>
 
 #include "device/context.h"
-#include "device/events.h"
-#include "device/live_contexts.h"
+#include "link/events.h"
+#include "link/live_contexts.h"
 #include "kalo/kalo.h"
 #include "realtime/timed_wait.h"
 

@@ -15,12 +15,12 @@
 
 #include "kalo/kalo.h"
 #include "kalo/kalo_realtime.h"
-#include "device/command.h"
-#include "device/lifecycle.h"
-#include "device/link.h"
-#include "device/loop.h"
-#include "device/mouse.h"
-#include "device/parameters.h"
+#include "device/command_state.h"
+#include "link/lifecycle.h"
+#include "link/link_state.h"
+#include "link/loop_state.h"
+#include "device/mouse_state.h"
+#include "device/parameter_state.h"
 #include "device/virtual_state.h"
 #include "servo/servo_state.h"
 
@@ -34,12 +34,12 @@ struct KaloContext {
   TR_SEMAPHORE *lock;
   std::atomic<uint32_t> error_code;
 
-  kalo::LinkState link;       // link and exchange (device/link.h)
-  kalo::LoopState loop;       // periodic loop (device/loop.h)
+  kalo::LinkState link;       // link and exchange (link/link_state.h)
+  kalo::LoopState loop;       // periodic loop (link/loop_state.h)
   kalo::ServoState servo;     // servo (servo/servo_state.h)
-  kalo::Parameters params;    // settings and limits (device/parameters.h)
-  kalo::CommandState command; // command types and set-points (device/command.h)
+  kalo::Parameters params;    // settings and limits (device/parameter_state.h)
+  kalo::CommandState command; // command types and set-points (device/command_state.h)
   kalo::VirtualState vm;      // virtual mechanisms and objects (device/virtual_state.h)
-  kalo::MouseEmulation mouse; // pointer emulation (device/mouse.h)
-  kalo::Lifetime lifetime;    // the close's hold on the waits (device/lifecycle.h)
+  kalo::MouseEmulation mouse; // pointer emulation (device/mouse_state.h)
+  kalo::Lifetime lifetime;    // the close's hold on the waits (link/lifecycle.h)
 };

@@ -1,5 +1,5 @@
-// The virtual mechanisms' and virtual objects' state (kaloVM.cpp,
-// kaloVirtualObject.cpp), part of KaloContext (device/context.h), guarded by
+// The virtual mechanisms' and virtual objects' state (virtual_mechanisms.cpp,
+// virtual_objects.cpp), part of KaloContext (device/context.h), guarded by
 // the context's lock.
 #pragma once
 

@@ -11,7 +11,7 @@
 
 #include "device/context.h"
 #include "servo/depl_copy.h"
-#include "device/events.h"
+#include "link/events.h"
 #include "servo/servo_point.h"
 #include "kalo/kalo_internal.h"
 

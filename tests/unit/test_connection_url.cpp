@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "device/context.h"
-#include "device/url.h"
+#include "link/url.h"
 #include "kalo/kalo.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "device/frame_timing.h"
+#include "link/frame_timing.h"
 
 namespace {
 

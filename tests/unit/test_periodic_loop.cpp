@@ -13,7 +13,7 @@
 
 #include "device/context.h"
 #include "eventually.h"
-#include "device/loop_rules.h"
+#include "link/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_realtime.h"
 

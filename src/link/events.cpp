@@ -2,14 +2,14 @@
 // small sequence lock made of atomics: a writer claims a slot by a counter,
 // marks it odd while it fills it and even when done; a reader keeps a slot
 // only when its mark was even and unchanged across the copy.
-#include "device/events.h"
+#include "link/events.h"
 
 #include <atomic>
 #include <cstring>
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/telemetry.h"
+#include "link/telemetry.h"
 
 namespace {
 

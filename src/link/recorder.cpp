@@ -1,5 +1,5 @@
 // The session recording's ring buffer and its writer thread.
-#include "device/recorder.h"
+#include "link/recorder.h"
 
 #include <cerrno>
 #include <chrono>

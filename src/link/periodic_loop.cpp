@@ -18,8 +18,8 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/lifecycle.h"
-#include "device/loop_rules.h"
+#include "link/lifecycle.h"
+#include "link/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "realtime/timed_wait.h"

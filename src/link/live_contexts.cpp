@@ -2,7 +2,7 @@
 // addresses of the last contexts closed. An address leaves the ring when a new
 // context is opened at it. A handle found in neither was never opened here
 // (a test's hand-built record, or garbage), and only its magic can be checked.
-#include "device/live_contexts.h"
+#include "link/live_contexts.h"
 
 #include <array>
 #include <mutex>

@@ -1,4 +1,4 @@
-// The application's settings and the controller's limits (kaloParameters.cpp),
+// The application's settings and the controller's limits (parameters.cpp),
 // part of KaloContext (device/context.h), guarded by the context's lock.
 #pragma once
 

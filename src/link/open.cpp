@@ -8,8 +8,8 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/lifecycle.h"
-#include "device/url.h"
+#include "link/lifecycle.h"
+#include "link/url.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <time.h>
 
-#include "device/frame_timing.h"
+#include "link/frame_timing.h"
 
 struct KaloContext;
 

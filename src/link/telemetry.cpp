@@ -1,6 +1,6 @@
 // Collecting the telemetry on the exchange and loop threads, and the kaloExt
 // calls that read it and record sessions.
-#include "device/telemetry.h"
+#include "link/telemetry.h"
 
 #include <cstring>
 #include <ctime>
@@ -8,7 +8,7 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/recorder.h"
+#include "link/recorder.h"
 #include "kalo/kalo_ext.h"
 
 namespace kalo {

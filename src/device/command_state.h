@@ -1,4 +1,4 @@
-// The command stream's state (kaloCommand.cpp), part of KaloContext
+// The command stream's state (commands.cpp), part of KaloContext
 // (device/context.h), guarded by the context's lock but for the two atomics.
 #pragma once
 

@@ -10,8 +10,8 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/lifecycle.h"
-#include "device/live_contexts.h"
+#include "link/lifecycle.h"
+#include "link/live_contexts.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"

@@ -11,7 +11,7 @@
 #include "kalo/kalo_realtime.h"
 #include "protocol/exchange_record.h"
 #include "protocol/link_counters.h"
-#include "device/telemetry.h"
+#include "link/telemetry.h"
 
 namespace kalo {
 
@@ -57,7 +57,7 @@ struct LinkState {
   uint64_t frames_sent;
   uint64_t frames_received;
   LinkCounters link_counters; // what the link saw since open
-  Telemetry telemetry;        // frames, timing, loop calls, recording (device/telemetry.h)
+  Telemetry telemetry;        // frames, timing, loop calls, recording (link/telemetry.h)
 
   // ---- state readout: the button watched by kaloWaitPressButton (the waiting
   // thread arms it, the exchange thread checks it on every buttons item)

@@ -20,8 +20,8 @@
 
 #include "device/call_frame.h"
 #include "device/context.h"
-#include "device/events.h"
-#include "device/loop_rules.h"
+#include "link/events.h"
+#include "link/loop_rules.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_signal.h"

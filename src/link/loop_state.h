@@ -1,4 +1,4 @@
-// The periodic application loop's state (kaloLoop.cpp), part of KaloContext
+// The periodic application loop's state (periodic_loop.cpp), part of KaloContext
 // (device/context.h). The plain members are guarded by the context's lock;
 // the flags and the timing words are atomics, read outside it by design (the
 // timing words have the exchange thread or the loop thread as their writer).
@@ -29,7 +29,7 @@ struct LoopState {
   std::atomic<uint64_t> last_tick_time;
   std::atomic<uint64_t> last_frame_time;
 
-  // Lifetime: threads are never cancelled (see kaloLoop.cpp).
+  // Lifetime: threads are never cancelled (see periodic_loop.cpp).
   TR_SEMAPHORE *loop_exited;     // posted by a loop thread when it ends
   TR_TACHE *loop_task_finishing; // a stopped loop whose thread has not been waited for yet
 };

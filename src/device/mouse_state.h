@@ -1,4 +1,4 @@
-// The pointer emulation's state (kaloMouse.cpp), part of KaloContext
+// The pointer emulation's state (mouse_emulation.cpp), part of KaloContext
 // (device/context.h), guarded by the context's lock.
 #pragma once
 
