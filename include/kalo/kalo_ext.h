@@ -169,6 +169,21 @@ KALO_API int32_t kaloExtGetEvents(KaloContext *context, KaloExtEvent *events, ui
  *  others. Never NULL. */
 KALO_API const char *kaloExtEventName(uint32_t kind);
 
+/* ---- Error details ---------------------------------------------------------- */
+
+/** What the most recent failing call of the calling thread had to say beyond
+ *  its error code, in English, or "" when it had nothing more. The codes stay
+ *  those the calls define; the text tells apart what one code covers:
+ *  "bad URL syntax: ...", "unknown host ...", "no free local port in
+ *  3131-3140 ..." (each connection of a machine binds one of these ten ports
+ *  unless its URL names another), "no state frame from ADDRESS:PORT within
+ *  1 s" (nothing answering), "cannot create recording file PATH: reason".
+ *  Each library call that can explain its failure starts the text afresh:
+ *  read it right after the failing call, on the same thread.
+ *  @return a text owned by the library, valid until the thread's next library
+ *          call; never NULL. */
+KALO_API const char *kaloExtLastErrorDetail(void);
+
 KALO_END_DECLS
 
 #endif

@@ -10,6 +10,7 @@
 #include "link/events.h"
 #include "link/live_contexts.h"
 #include "kalo/kalo.h"
+#include "protocol/error_detail.h"
 #include "realtime/timed_wait.h"
 
 namespace kalo {
@@ -42,8 +43,10 @@ private:
   TR_SEMAPHORE *lock_;
 };
 
-// Handle and connection checks; false when the call must return -1.
+// Handle and connection checks; false when the call must return -1. A call
+// starts the thread's error detail afresh.
 inline bool enter(KaloContext *ctx) {
+  clear_error_detail();
   if (!is_live(ctx)) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return false;

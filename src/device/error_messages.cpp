@@ -2,6 +2,8 @@
 #include "device/call_frame.h"
 #include "device/context.h"
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
+#include "protocol/error_detail.h"
 
 extern "C" {
 
@@ -50,6 +52,10 @@ const char *kaloGetErrorMessage(int32_t code) {
     if (_kaloErrorTable[i].code == code && _kaloErrorTable[i].message != nullptr)
       return _kaloErrorTable[i].message;
   return "Unknown error code";
+}
+
+const char *kaloExtLastErrorDetail(void) {
+  return kalo::error_detail();
 }
 
 } // extern "C"

@@ -10,6 +10,7 @@
 #include "device/context.h"
 #include "link/lifecycle.h"
 #include "link/url.h"
+#include "protocol/error_detail.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
@@ -160,12 +161,20 @@ KaloContext *kaloOpen(const char *url) {
   ctx->link.session = -1;
 
   kalo::ConnectionUrl parsed;
-  if (!kalo::parse_connection_url(url, &parsed))
+  std::string why;
+  kalo::clear_error_detail();
+  if (!kalo::parse_connection_url(url, &parsed, &why)) {
+    kalo::set_error_detail("bad URL syntax: %s", why.c_str());
     return abandon_open(ctx, KALO_ERROR_URL_SYNTAX);
+  }
 
+  // The transport says why it failed (unknown host, no free local port...).
   const int session = open_protocol_udp(parsed.host.c_str(), parsed.local_port, parsed.remote_port);
-  if (session < 0)
+  if (session < 0) {
+    if (parsed.host.empty())
+      kalo::set_error_detail("bad URL syntax: no host in \"%s\"", url);
     return abandon_open(ctx, KALO_ERROR_COMMUNICATION);
+  }
   // The receive gives up now and then so that the exchange thread can see a
   // stop request even from a controller that went silent.
   timeval receive_timeout{0, kalo::kReceiveTimeoutUs};
@@ -186,9 +195,11 @@ KaloContext *kaloOpen(const char *url) {
   const bool heard = ctx->link.frame_received.load() != 0;
   ctx->link.connected = 1;
   if (!heard) {
+    const std::string silent = kalo::no_state_frame_detail(session, 1.0);
     kaloGlobalError = KALO_ERROR_COMMUNICATION;
     kaloClose(ctx);
     kaloGlobalError = KALO_ERROR_COMMUNICATION;
+    kalo::set_error_detail("%s", silent.c_str());
     return nullptr;
   }
 

@@ -45,7 +45,7 @@ std::unique_ptr<Recorder> Recorder::start(const char *path, uint64_t start_us, u
   }
   r->file_ = std::fopen(path, "w");
   if (r->file_ == nullptr) {
-    *error = std::string("cannot create ") + path + ": " + std::strerror(errno);
+    *error = std::string("cannot create recording file ") + path + ": " + std::strerror(errno);
     return nullptr;
   }
   std::fputs(kHeader, r->file_);

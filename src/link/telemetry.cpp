@@ -305,6 +305,8 @@ int32_t kaloExtStartRecording(KaloContext *context, const char *path) {
     std::lock_guard<std::mutex> hold(t.recording_mutex);
     if (path == nullptr || t.recorder.load() != nullptr) {
       code = KALO_ERROR_INCORRECT_VALUE;
+      kalo::set_error_detail(path == nullptr ? "no recording file named (NULL path)"
+                                             : "a recording of this connection already runs");
     } else {
       std::string error;
       auto r =
@@ -313,6 +315,7 @@ int32_t kaloExtStartRecording(KaloContext *context, const char *path) {
                                 t.counts[kalo::kLateCalls].load(std::memory_order_relaxed), &error);
       if (r == nullptr) {
         code = error == "out of memory" ? KALO_ERROR_OUT_OF_MEMORY : KALO_ERROR_INCORRECT_VALUE;
+        kalo::set_error_detail("%s", error.c_str());
       } else {
         t.recording_rows.store(0, std::memory_order_relaxed);
         t.recording_dropped.store(0, std::memory_order_relaxed);

@@ -35,21 +35,41 @@ inline bool port_value(const std::string &digits, uint16_t *port) {
   return true;
 }
 
+// Checks one port of the URL; on a refusal says which port and why in *why.
+inline bool port_ok(const std::string &text, const char *which, uint16_t *port, std::string *why) {
+  if (!all_digits(text)) {
+    *why = std::string(which) + " \"" + text + "\" is not a decimal number";
+    return false;
+  }
+  if (!port_value(text, port)) {
+    *why = std::string(which) + " " + text + " is above 65535";
+    return false;
+  }
+  return true;
+}
+
 } // namespace url_detail
 
-// Parses url into out; false on a syntax error (code 10 for kaloOpen).
-inline bool parse_connection_url(const char *url, ConnectionUrl *out) {
+// Parses url into out; false on a syntax error (code 10 for kaloOpen), with
+// the reason in *why when why is not null.
+inline bool parse_connection_url(const char *url, ConnectionUrl *out, std::string *why = nullptr) {
   static constexpr char kScheme[] = "udpxdr://";
   static constexpr std::size_t kSchemeLength = sizeof kScheme - 1;
-  if (url == nullptr)
+  std::string reason;
+  std::string &because = why != nullptr ? *why : reason;
+  if (url == nullptr) {
+    because = "no URL (NULL)";
     return false;
+  }
   std::string text(url);
   if (text.compare(0, 4, "url:") == 0)
     text.erase(0, 4);
-  if (text.find("://") == std::string::npos)
+  if (text.find("://") == std::string::npos) {
     text.insert(0, kScheme);
-  else if (text.compare(0, kSchemeLength, kScheme) != 0)
+  } else if (text.compare(0, kSchemeLength, kScheme) != 0) {
+    because = "the scheme of \"" + text + "\" is not udpxdr://";
     return false;
+  }
   std::string rest = text.substr(kSchemeLength);
 
   std::string remote;
@@ -67,11 +87,9 @@ inline bool parse_connection_url(const char *url, ConnectionUrl *out) {
     local = rest.substr(colon + 1);
     rest.erase(colon);
   }
-  if (!url_detail::all_digits(local) || !url_detail::all_digits(remote))
-    return false;
   out->host = rest;
-  return url_detail::port_value(local, &out->local_port) &&
-         url_detail::port_value(remote, &out->remote_port);
+  return url_detail::port_ok(local, "local port", &out->local_port, &because) &&
+         url_detail::port_ok(remote, "controller port", &out->remote_port, &because);
 }
 
 } // namespace kalo

@@ -35,6 +35,18 @@ ProtoSession *session_of(int handle) {
   return &proto_sessions[handle];
 }
 
+} // namespace
+
+bool kalo::session_peer(int handle, sockaddr_in *peer) {
+  const ProtoSession *s = session_of(handle);
+  if (s == nullptr || s->peer == nullptr)
+    return false;
+  *peer = *s->peer;
+  return true;
+}
+
+namespace {
+
 void free_buffers(ProtoSession &s) {
   std::free(s.tx_buffer);
   std::free(s.rx_buffer);

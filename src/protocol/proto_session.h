@@ -71,6 +71,9 @@ enum class Arrival {
 // what came, so the exchange thread can count what it drops.
 int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival);
 
+// The controller's address of an open UDP session; false for another handle.
+bool session_peer(int handle, sockaddr_in *peer);
+
 // Receives one datagram on a UDP session's socket and reports its sender.
 int udp_receive_from(int descriptor, void *bytes, int capacity, sockaddr_in *from);
 

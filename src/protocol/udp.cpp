@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "kalo/kalo_internal.h"
+#include "protocol/error_detail.h"
 #include "protocol/proto_session.h"
 
 namespace {
@@ -54,12 +55,15 @@ int kalo::udp_receive_from(int descriptor, void *bytes, int capacity, sockaddr_i
 
 extern "C" {
 
+// Each failure leaves its reason in the thread's error detail.
 int open_protocol_udp(const char *host, int local_port, int remote_port) {
   if (host == nullptr)
     return -1;
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0)
+  if (fd < 0) {
+    kalo::set_error_detail("cannot create a UDP socket: %s", std::strerror(errno));
     return -1;
+  }
 
   int bound = -1;
   if (local_port == 0) {
@@ -68,8 +72,16 @@ int open_protocol_udp(const char *host, int local_port, int remote_port) {
       if (bound == 0 || errno != EADDRINUSE)
         break;
     }
+    if (bound != 0 && errno == EADDRINUSE)
+      kalo::set_error_detail("no free local port in %d-%d: each connection of this machine takes "
+                             "one; name another local port in the URL (host:port)",
+                             kFirstLocalPort, kLastLocalPort);
+    else if (bound != 0)
+      kalo::set_error_detail("cannot bind a local port: %s", std::strerror(errno));
   } else {
     bound = bind_port(fd, local_port);
+    if (bound != 0)
+      kalo::set_error_detail("cannot bind local port %d: %s", local_port, std::strerror(errno));
   }
   if (bound != 0) {
     close(fd);
@@ -85,6 +97,7 @@ int open_protocol_udp(const char *host, int local_port, int remote_port) {
   peer->sin_port =
       htons(static_cast<uint16_t>(remote_port != 0 ? remote_port : kDefaultControllerPort));
   if (!resolve(host, &peer->sin_addr)) {
+    kalo::set_error_detail("unknown host \"%s\"", host);
     // Nothing of a failed open stays behind.
     std::free(peer);
     close(fd);

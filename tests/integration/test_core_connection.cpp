@@ -3,6 +3,8 @@
 // controller answers.
 #include "core_support.h"
 
+#include "kalo/kalo_ext.h"
+
 #include <arpa/inet.h>
 #include <chrono>
 
@@ -62,6 +64,8 @@ TEST(CoreConnection, NoControllerGivesCode2AfterTheFirstFrameWaitAndTheClose) {
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);
   EXPECT_GE(seconds, 1.0); // it waited for a first frame
+  EXPECT_EQ(std::string(kaloExtLastErrorDetail()).rfind("no state frame from 127.0.0.1:", 0), 0u)
+      << kaloExtLastErrorDetail();
   std::printf("open without a controller failed after %.2f s\n", seconds);
   EXPECT_TRUE(eventually([&] { return thread_count() == threads_before; }, 1000ms));
 }

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <cstring>
+#include <string>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include "device/context.h"
 #include "link/url.h"
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
 
 namespace {
 
@@ -94,6 +97,47 @@ TEST(ConnectionUrl, OpenReportsABusyLocalPortAsCode2) {
   EXPECT_EQ(kaloOpen("udpxdr://127.0.0.1:15991#15992"), nullptr);
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);
   close(busy);
+}
+
+// One code covers several failures; the error detail tells them apart, each
+// without waiting for a controller.
+TEST(ConnectionUrl, OpenSaysWhyItFailedInTheErrorDetail) {
+  const int busy = socket(AF_INET, SOCK_DGRAM, 0);
+  ASSERT_GE(busy, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = htonl(INADDR_ANY);
+  local.sin_port = htons(15993);
+  ASSERT_EQ(bind(busy, reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
+  const struct {
+    const char *url;
+    int32_t code;
+    const char *detail; // its beginning
+  } cases[] = {
+      {"tcp://127.0.0.1", KALO_ERROR_URL_SYNTAX,
+       "bad URL syntax: the scheme of \"tcp://127.0.0.1\" is not udpxdr://"},
+      {"127.0.0.1:12a", KALO_ERROR_URL_SYNTAX, "bad URL syntax: local port \"12a\" is not a"},
+      {"127.0.0.1#70000", KALO_ERROR_URL_SYNTAX,
+       "bad URL syntax: controller port 70000 is above 65535"},
+      {nullptr, KALO_ERROR_URL_SYNTAX, "bad URL syntax: no URL"},
+      {"", KALO_ERROR_COMMUNICATION, "bad URL syntax: no host in \"\""},
+      {"udpxdr://", KALO_ERROR_COMMUNICATION, "bad URL syntax: no host in \"udpxdr://\""},
+      {"no-such-host.invalid", KALO_ERROR_COMMUNICATION, "unknown host \"no-such-host.invalid\""},
+      {"127.0.0.1:15993", KALO_ERROR_COMMUNICATION, "cannot bind local port 15993: Address"},
+  };
+  for (const auto &c : cases) {
+    const char *shown = c.url != nullptr ? c.url : "(null)";
+    kaloGlobalError = 0;
+    EXPECT_EQ(kaloOpen(c.url), nullptr) << shown;
+    EXPECT_EQ(kaloGlobalError, c.code) << shown;
+    const std::string detail = kaloExtLastErrorDetail();
+    EXPECT_EQ(detail.compare(0, std::strlen(c.detail), c.detail), 0) << shown << ": " << detail;
+  }
+  close(busy);
+  // A call that fails with nothing more to say leaves no stale text.
+  KaloContext fake{};
+  EXPECT_EQ(kaloSetForce(&fake, nullptr), -1);
+  EXPECT_STREQ(kaloExtLastErrorDetail(), "");
 }
 
 TEST(ConnectionUrl, CloseRefusesHandlesThatAreNotLiveContexts) {

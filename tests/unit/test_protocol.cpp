@@ -8,8 +8,10 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <string>
 #include <vector>
 
+#include "kalo/kalo_ext.h"
 #include "kalo/kalo_internal.h"
 
 namespace {
@@ -227,6 +229,8 @@ TEST(ProtocolSessions, LocalPortSearchStopsAfter3140) {
   }
   if (all_bound) {
     EXPECT_EQ(open_protocol_udp("127.0.0.1", 0, kPeer), -1);
+    EXPECT_EQ(std::string(kaloExtLastErrorDetail()).rfind("no free local port in 3131-3140", 0), 0u)
+        << kaloExtLastErrorDetail();
   }
   delete held.back(); // free 3140 only: the search reaches it
   held.pop_back();
