@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
 """What the Python binding costs, against C in the same run (run by hand):
 
-  1. set_force and get_position through kalo.Arm, through ctypes' raw function
-     pointers (the binding's floor), and from C (bench_call_cost);
+  1. set_force and get_position (into the caller's array, and into a new one)
+     through kalo.Arm, through ctypes' raw function pointers (the binding's
+     floor), and from C (bench_call_cost); the goal is kalo.Arm within 2x of
+     bare ctypes;
   2. the late calls of a 1 kHz periodic function doing a coupling step, in
      Python (examples/python/coupling.py) and in C (examples/coupling.c).
 
-    /usr/bin/python3 bench/python_binding.py [--build build] [--calls 100000] [--seconds 5]
+    /usr/bin/python3 bench/python_binding.py [--build build] [--calls 100000] [--rounds 5] [--seconds 5]
 
 Needs a build with the benchmarks (cmake -DKALO_BUILD_BENCH=ON; target
 bench_call_cost) and the examples. Everything runs against kalo-sim on loopback.
@@ -15,6 +17,7 @@ bench_call_cost) and the examples. Everything runs against kalo-sim on loopback.
 import argparse
 import os
 import re
+import statistics
 import subprocess
 import sys
 import time
@@ -29,8 +32,12 @@ def per_call_us(function, calls):
     return (time.perf_counter() - start) / calls * 1e6
 
 
-def call_costs(kalo, np, build, calls):
-    rows = {}
+def call_costs(kalo, np, build, calls, rounds):
+    """Each figure is the median over the rounds of a mean over calls; the
+    binding, bare ctypes and C take turns in every round, so that a busy
+    moment of the machine weighs on all three."""
+    times = {}
+    c_program = os.path.join(build, "bench", "bench_call_cost")
     with kalo.sim.Simulator() as sim:
         with kalo.Arm(sim.url) as arm:
             arm.set_command_type(kalo.CommandType.FORCE)
@@ -38,24 +45,38 @@ def call_costs(kalo, np, build, calls):
             position = np.zeros((1, 7), np.float32)
             lib, handle = kalo._library.lib, arm._handle
             force_p, position_p = force.ctypes.data, position.ctypes.data
-            rows["set_force"] = (per_call_us(lambda: arm.set_force(force), calls),
-                                 per_call_us(lambda: lib.kaloSetForce(handle, force_p), calls))
-            rows["get_position"] = (per_call_us(arm.get_position, calls),
-                                    per_call_us(lambda: lib.kaloGetPosition(handle, position_p), calls))
-        c_program = os.path.join(build, "bench", "bench_call_cost")
-        out = subprocess.run([c_program, sim.url, str(calls * 2)], capture_output=True, text=True,
-                             check=True).stdout
-    c_times = {m.group(1): float(m.group(2)) for m in re.finditer(r"kalo(\w+) ([\d.]+) us", out)}
-    print(f"{'call':<14}{'kalo.Arm':>12}{'raw ctypes':>12}{'C':>10}{'Arm / C':>10}")
-    for name, (binding, raw) in rows.items():
-        c = c_times["SetForce" if name == "set_force" else "GetPosition"]
-        print(f"{name:<14}{binding:>9.2f} us{raw:>9.2f} us{c:>7.3f} us{binding / c:>9.0f}x")
+            set_force, get_position = arm.set_force, arm.get_position
+            cases = [  # name, through kalo.Arm, through bare ctypes, C's line
+                ("set_force", lambda: set_force(force), lambda: lib.kaloSetForce(handle, force_p),
+                 "SetForce"),
+                ("get_position(out=)", lambda: get_position(out=position),
+                 lambda: lib.kaloGetPosition(handle, position_p), "GetPosition"),
+                ("get_position()", get_position, lambda: lib.kaloGetPosition(handle, position_p),
+                 "GetPosition"),
+            ]
+            for _ in range(rounds):
+                for name, binding, raw, _c in cases:
+                    times.setdefault((name, "Arm"), []).append(per_call_us(binding, calls))
+                    times.setdefault((name, "ctypes"), []).append(per_call_us(raw, calls))
+                out = subprocess.run([c_program, sim.url, str(calls)], capture_output=True,
+                                     text=True, check=True).stdout
+                for match in re.finditer(r"kalo(\w+) ([\d.]+) us", out):
+                    times.setdefault((match.group(1), "C"), []).append(float(match.group(2)))
+    print(f"{'call':<20}{'kalo.Arm':>10}{'ctypes':>10}{'C':>10}{'Arm/ctypes':>12}{'Arm/C':>8}")
+    for name, _binding, _raw, c_name in cases:
+        arm_us, raw_us, c_us = (statistics.median(times[key])
+                                for key in ((name, "Arm"), (name, "ctypes"), (c_name, "C")))
+        goal = "" if name == "get_position()" else ("  (goal 2x: met)" if arm_us <= 2 * raw_us
+                                                    else "  (goal 2x: MISSED)")
+        print(f"{name:<20}{arm_us:>7.3f} us{raw_us:>7.3f} us{c_us:>7.3f} us"
+              f"{arm_us / raw_us:>11.2f}x{arm_us / c_us:>7.1f}x{goal}")
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--calls", type=int, default=100000)
+    parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=5.0)
     options = parser.parse_args()
     os.environ.setdefault("KALO_LIBRARY", os.path.join(options.build, "libkalo.so.4"))
@@ -66,8 +87,8 @@ def main():
 
     import kalo
 
-    print(f"== cost per call, {options.calls} calls each (mean)")
-    call_costs(kalo, np, options.build, options.calls)
+    print(f"== cost per call: median of {options.rounds} rounds of {options.calls} calls each")
+    call_costs(kalo, np, options.build, options.calls, options.rounds)
     print(f"\n== 1 kHz coupling step for {options.seconds:g} s: calls late by more than half a period")
     seconds = str(options.seconds)
     for name, command in [  # the same step, the same summary line

@@ -56,6 +56,8 @@ check kalo-tools files '\./usr/bin/kalo-sim' '\./usr/bin/kalo-monitor'
 check kalo-tools Depends "libkalo$major \(= $version-[0-9]+\)"
 if compgen -G "$build/packages/python3-kalo_*.deb" >/dev/null; then
   check python3-kalo Depends "libkalo$major \(= $version-[0-9]+\)" 'python3-numpy'
+  check python3-kalo files '\./usr/lib/python3/dist-packages/kalo/py\.typed' \
+    '\./usr/lib/python3/dist-packages/kalo/_device_calls\.pyi'
 fi
 
 for deb in "$build"/packages/*.deb; do

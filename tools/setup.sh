@@ -10,9 +10,10 @@
 # installs what is missing (through sudo when not root) and says what it did.
 set -euo pipefail
 
-main_packages="cmake g++ make pkg-config libtirpc-dev"
+# python3-matplotlib: the quick start draws the coupling session with tools/kalo-plot.
+main_packages="cmake g++ make pkg-config libtirpc-dev python3-matplotlib"
 test_packages="libgtest-dev libgmock-dev libeigen3-dev libbenchmark-dev binutils doxygen
-  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev python3-numpy python3-matplotlib python3-pytest dpkg-dev file"
+  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev python3-numpy python3-pytest python3-mypy dpkg-dev file"
 
 case "${1:-main}" in
   main) wanted="$main_packages" ;;

@@ -1,8 +1,19 @@
 """Error codes of the C library as an IntEnum, and the exceptions that carry them."""
 
+import ctypes
 import enum
+from typing import Any, Dict, Optional, Type
 
 from ._library import global_error, lib
+
+# What the most recent failing call of this thread had to say beyond its code;
+# looked up optionally so that the package works with a library without it.
+try:
+    _last_detail: Any = lib.kaloExtLastErrorDetail
+    _last_detail.argtypes = []
+    _last_detail.restype = ctypes.c_char_p
+except AttributeError:
+    _last_detail = None
 
 
 class ErrorCode(enum.IntEnum):
@@ -32,15 +43,31 @@ class ErrorCode(enum.IntEnum):
     LOOP_ALREADY_STARTED = 22
 
 
-def error_message(code):
+def last_error_detail() -> str:
+    """kaloExtLastErrorDetail: what this thread's latest failing call had to say
+    beyond its code ("unknown host ...", "no free local port in ..."), or ""."""
+    if _last_detail is None:
+        return ""
+    text = _last_detail()
+    return text.decode("utf-8", "replace") if text else ""
+
+
+def error_message(code: int) -> str:
     """The library's text for an error code (kaloGetErrorMessage), decoded as Latin-1."""
     return lib.kaloGetErrorMessage(int(code)).decode("latin-1")
 
 
 class KaloError(Exception):
-    """A kalo call failed: .code (an ErrorCode when known) and .message (the library's text)."""
+    """A kalo call failed: .code (an ErrorCode when known), .message (the
+    library's text for it) and .detail (what the call said beyond its code, or "")."""
 
-    def __init__(self, code, message=None, call=None):
+    code: int
+    message: str
+    call: Optional[str]
+    detail: str
+
+    def __init__(self, code: int, message: Optional[str] = None, call: Optional[str] = None,
+                 detail: str = "") -> None:
         try:
             code = ErrorCode(code)
         except ValueError:
@@ -48,11 +75,13 @@ class KaloError(Exception):
         self.code = code
         self.message = error_message(code) if message is None else message
         self.call = call
+        self.detail = detail
         where = f"{call}: " if call else ""
-        super().__init__(f"{where}{self.message} (code {int(code)})")
+        more = f": {detail}" if detail else ""
+        super().__init__(f"{where}{self.message} (code {int(code)}){more}")
 
-    def __reduce__(self):
-        return (type(self), (self.code, self.message, self.call))
+    def __reduce__(self) -> Any:
+        return (type(self), (self.code, self.message, self.call, self.detail))
 
 
 class CommunicationError(KaloError):
@@ -75,7 +104,7 @@ class IncompatibleVersionError(KaloError):
     """Code 20: the controller is too old for this call."""
 
 
-_BY_CODE = {
+_BY_CODE: Dict[int, Type[KaloError]] = {
     ErrorCode.COMMUNICATION: CommunicationError,
     ErrorCode.TIMEOUT: KaloTimeoutError,
     ErrorCode.INCORRECT_VALUE: IncorrectValueError,
@@ -84,11 +113,17 @@ _BY_CODE = {
 }
 
 
-def error_for(code, call=None, message=None):
+def error_for(code: int, call: Optional[str] = None, message: Optional[str] = None,
+              detail: str = "") -> KaloError:
     """The exception for a code: its subclass when the code has one, else KaloError."""
-    return _BY_CODE.get(code, KaloError)(code, message, call)
+    return _BY_CODE.get(code, KaloError)(code, message, call, detail)
 
 
-def last_global_error():
+def failure(code: int, call: str) -> KaloError:
+    """The exception for a C call that just failed on this thread, with its detail."""
+    return error_for(code, call, detail=last_error_detail())
+
+
+def last_global_error() -> int:
     """kaloGlobalError: the code of the last call that had no valid context."""
     return global_error.value

@@ -8,6 +8,7 @@ import signal
 import subprocess
 import threading
 import time
+from typing import Deque, Optional
 
 from ._library import library_path
 
@@ -75,8 +76,8 @@ class Simulator:
         options.setdefault("port", 0)
         self.executable = find_simulator()
         self.arguments = [self.executable] + options_to_arguments(options)
-        self.log = collections.deque(maxlen=200)
-        self.port = None
+        self.log: Deque[str] = collections.deque(maxlen=200)
+        self.port: Optional[int] = None
         self._ready = threading.Event()
         self._process = subprocess.Popen(
             self.arguments,
@@ -98,6 +99,7 @@ class Simulator:
                 )
 
     def _read(self):
+        assert self._process.stderr is not None  # made a pipe above
         for line in self._process.stderr:
             self.log.append(line.rstrip("\n"))
             match = _READY.search(line)

@@ -2,6 +2,7 @@
 the frames a client sent, from a simulator's trace."""
 
 import pathlib
+from typing import Any, Dict, List
 
 import pytest
 
@@ -10,7 +11,7 @@ import kalo
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 # Device state the readout tests expect back from the arm.
-SIM_STATE = dict(adc=[0.5, 0.25, 2], inputs=5, analog=[1, 2, 3, 4, 5, 6, 7], buttons=0x3,
+SIM_STATE: Dict[str, Any] = dict(adc=[0.5, 0.25, 2], inputs=5, analog=[1, 2, 3, 4, 5, 6, 7], buttons=0x3,
                  failure=0, joints=[0.5, 1, 1.5, 2, 2.5, 3], axes=6)
 
 
@@ -29,7 +30,7 @@ def arm(sim):
 def sent_fields(trace):
     """id -> list of value lists, from every frame the client sent (read it once
     the simulator has stopped: it writes the trace in blocks)."""
-    fields = {}
+    fields: Dict[int, List[List[float]]] = {}
     for line in pathlib.Path(trace).read_text().splitlines():
         _stamp, direction, _note, items = (line.split(",", 3) + ["", "", ""])[:4]
         if direction != "in":

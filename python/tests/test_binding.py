@@ -1,18 +1,22 @@
 """The binding against kalo-sim: calls reach the wire, arrays keep their shapes,
 failures raise the right exceptions, the loops run Python code."""
 
+import ast
 import math
 import os
+import pathlib
 import re
 import subprocess
 import sys
 import time
+from typing import Any, Dict, List, Tuple
 
 import numpy as np
 import pytest
 from conftest import ROOT, SIM_STATE, sent_fields
 
 import kalo
+from kalo import _stubs
 from kalo.errors import error_for
 from kalo.sim import options_to_arguments
 
@@ -20,7 +24,7 @@ POSE = [0.25, 0, 0, 0, 0, 0, 1]
 INERTIA = (np.eye(3) * 1e-4).ravel()
 
 # command type, call, arguments, field the client must send, its values (None: just called)
-WIRE = [
+WIRE: List[Tuple[int, str, Tuple[Any, ...], Any, Any]] = [
     (7, "set_force", ([1, 2, 3, 4, 5, 6],), 16, [1, 2, 3, 4, 5, 6]),  # one point: (6,) will do
     (7, "add_force", ([0.5, 0, 0, 0, 0, 1.5],), 80, [0.5, 0, 0, 0, 0, 1.5]),
     (7, "set_articular_position", (np.arange(6) / 2,), 70, [0, 0.5, 1, 1.5, 2, 2.5]),
@@ -50,7 +54,7 @@ WIRE = [
 ]
 
 # call, arguments, what the arm answers (set by conftest.SIM_STATE or the calls above)
-READ = [
+READ: List[Tuple[str, Tuple[Any, ...], Any]] = [  # expected: array-like
     ("get_controler_version", (), kalo.Version(6, 0)),
     ("get_device_id", (), (1, 1)),
     ("get_adc", (1,), 0.5),
@@ -81,12 +85,24 @@ def test_every_call_reaches_the_wire_and_reads_back(tmp_path):
         for name, args, expected in READ:
             np.testing.assert_allclose(getattr(arm, name)(*args), expected, rtol=1e-6, err_msg=name)
         assert isinstance(arm.get_command_type(), kalo.CommandType)
+        # A float32 array of the right shape goes to C as it is: what it holds
+        # at each call is what is sent, and a reader fills the caller's array.
+        force = np.zeros((1, 6), np.float32)
+        for value in (7, 8):
+            force[0, 0] = value
+            arm.set_force(force)
+            arm.get_command_type()  # a query's round trip: the set-point has gone out
+        joints, pose = np.empty(6, np.float32), np.empty((1, 7), np.float32)
+        assert arm.get_articular_position(out=joints) is joints and arm.get_position(out=pose) is pose
+        np.testing.assert_allclose(joints, SIM_STATE["joints"])
+        np.testing.assert_array_equal(pose, arm.get_position())
     assert returned["vm_get_traj_samples"].shape == (3, 7)
     assert returned["get_force"].shape == (1, 6)
     sent = sent_fields(trace)
     for _, name, _, field, values in WIRE:
         if field is not None:
             assert any(np.allclose(v, values) for v in sent.get(field, [])), (name, sent.get(field))
+    assert {7.0, 8.0} <= {v[0] for v in sent[16]}, sent[16]
 
 
 def test_every_header_call_and_constant_has_its_python_name():
@@ -94,7 +110,8 @@ def test_every_header_call_and_constant_has_its_python_name():
     for prefix, enum in [("KALO_ERROR_", kalo.ErrorCode), ("KALO_COMMAND_TYPE_", kalo.CommandType)]:
         defined = {n: int(v) for n, v in re.findall(rf"#define {prefix}(\w+) (\d+)", header)}
         assert defined and {m.name: m.value for m in enum if m.name != "NO_ERROR"} == defined
-    assert kalo.ErrorCode.NO_ERROR == int(re.search(r"#define KALO_NO_ERROR (\d+)", header)[1])
+    no_error = re.search(r"#define KALO_NO_ERROR (\d+)", header)
+    assert no_error and kalo.ErrorCode.NO_ERROR == int(no_error[1])
     c_names = re.findall(r"^KALO_API [^(]*?\b(\w+)\(", header, re.M)
     assert len(c_names) > 120
     kept_outside = {"kaloOpen": kalo.Arm, "kaloClose": kalo.Arm.close,
@@ -107,6 +124,43 @@ def test_every_header_call_and_constant_has_its_python_name():
     assert str(kalo.api_version()) == "4.4"
 
 
+def test_stubs_cover_every_call_of_the_table():
+    stub = pathlib.Path(kalo.__file__).with_name("_device_calls.pyi")
+    hand_written = _stubs.hand_written_names()
+    assert stub.read_text() == _stubs.render(hand_written), "run /usr/bin/python3 -m kalo._stubs"
+    stubbed = {node.name for node in ast.walk(ast.parse(stub.read_text())) if isinstance(node, ast.FunctionDef)}
+    for c_name, _, _ in kalo._calls.CALLS:
+        name = kalo._binding.python_name(c_name)
+        method = getattr(kalo.Arm, name)
+        assert name in stubbed or (name in hand_written and "return" in method.__annotations__), c_name
+    assert pathlib.Path(kalo.__file__).with_name("py.typed").exists()
+
+
+# call, arguments, keyword arguments: refused with ValueError before anything reaches C
+REFUSED: List[Tuple[str, Tuple[Any, ...], Dict[str, Any]]] = [
+    ("set_force", (np.ones(5),), {}), ("set_force", (np.ones((2, 6)),), {}),
+    ("set_position", (["a"] * 7,), {}), ("set_articular_position", (np.ones(7),), {}),
+    ("attach_vo", (np.ones(8), 0.2), {}), ("set_time_step", ("0.001",), {}),
+    ("set_speed", (np.ones((1, 6)) * 1j,), {}),
+    # integers never wrap around their C type
+    ("set_power_on", (2**32,), {}), ("set_command_type", (2**32 + 6,), {}), ("set_command_type", (-1,), {}),
+    ("get_adc", (2**31 + 1,), {}), ("force_shift_button", (-(2**31) - 1,), {}), ("set_indexing_mode", (6.0,), {}),
+    # finite numbers beyond float32 are not sent as infinities
+    ("set_time_step", (1e39,), {}), ("set_time_step", (10**400,), {}),
+    ("set_force", ([[1e39, 0, 0, 0, 0, 0]],), {}),
+    # strings with a NUL would be cut short in C
+    ("vm_load_spline", ("ab\0cd",), {}), ("set_output_file", ("log\0.txt",), {}),
+    # out= takes exactly the array C writes
+    ("get_position", (), dict(out=np.zeros((1, 7)))), ("get_position", (), dict(out=np.zeros((1, 6), np.float32))),
+    ("get_position", (), dict(out=np.zeros((1, 14), np.float32)[:, ::2])), ("get_position", (), dict(out=[0.0] * 7)),
+    ("get_articular_position", (), dict(out=np.zeros(5, np.float32))),
+]
+# accepted at the edges of their ranges
+ACCEPTED = [("set_debug_flags", (2**32 - 1,)), ("set_debug_flags", (0,)), ("force_shift_button", (np.int64(-(2**31)),)),
+            ("set_indexing_mode", (np.uint8(3),)), ("set_time_step", (np.float32(0.002),)),
+            ("set_force", (np.zeros(6, np.float64),))]
+
+
 def test_arrays_have_their_shapes_and_wrong_ones_never_reach_c(arm):
     p = arm.points
     assert p == 1 and arm.axes == 6
@@ -114,29 +168,39 @@ def test_arrays_have_their_shapes_and_wrong_ones_never_reach_c(arm):
                         ("get_articular_speed", (6,)), ("get_center_sphere", (7,))]:
         value = getattr(arm, name)()
         assert value.shape == shape and value.dtype == np.float32, name
-    bad = [("set_force", (np.ones(5),)), ("set_force", (np.ones((2, 6)),)),
-           ("set_position", (["a"] * 7,)), ("set_articular_position", (np.ones(7),)),
-           ("attach_vo", (np.ones(8), 0.2)), ("set_time_step", ("0.001",)),
-           ("set_speed", (np.ones((1, 6)) * 1j,))]
-    for name, args in bad:
+    arm.set_command_type(6)
+    for name, args, keywords in REFUSED:
         with pytest.raises(ValueError):
-            getattr(arm, name)(*args)
+            getattr(arm, name)(*args, **keywords)
+            pytest.fail(f"{name}{args} {keywords} accepted")
+    readonly = np.zeros((1, 7), np.float32)
+    readonly.flags.writeable = False
+    with pytest.raises(ValueError):
+        arm.get_position(out=readonly)
+    for name, args in ACCEPTED:
+        getattr(arm, name)(*args)
     with pytest.raises(TypeError):
-        arm.set_force()
+        getattr(arm, "set_force")()
+    pose = np.zeros((1, 7), np.float32)
+    arm.get_position(out=pose)
+    pose.shape = (7,)  # the same array, reshaped in place after its first use
+    with pytest.raises(ValueError):
+        arm.get_position(out=pose)
 
 
 def test_failures_raise_the_exception_of_their_code(arm):
     subclasses = {2: kalo.CommunicationError, 6: kalo.KaloTimeoutError, 9: kalo.IncorrectValueError,
                   17: kalo.WrongCommandModeError, 20: kalo.IncompatibleVersionError}
-    for code in kalo.ErrorCode:
-        error = error_for(code, "kaloX")
-        assert type(error) is subclasses.get(code, kalo.KaloError)
-        assert error.code == code and error.message == kalo.error_message(code)
+    for each in kalo.ErrorCode:
+        error = error_for(each, "kaloX")
+        assert type(error) is subclasses.get(each, kalo.KaloError)
+        assert error.code == each and error.message == kalo.error_message(each)
     arm.set_command_type(7)
-    for call, expected, code in [(lambda: arm.set_command_type(1), kalo.KaloError, 18),
+    failures: List[Tuple[Any, Any, int]] = [(lambda: arm.set_command_type(1), kalo.KaloError, 18),
                                  (lambda: arm.set_time_step(-1), kalo.IncorrectValueError, 9),
                                  (lambda: arm.vm_activate(), kalo.WrongCommandModeError, 17),
-                                 (lambda: arm.get_adc(4), ValueError, 9)]:
+                                 (lambda: arm.get_adc(4), ValueError, 9)]
+    for call, expected, code in failures:
         with pytest.raises(expected) as caught:
             call()
         assert caught.value.code == code and str(code) in str(caught.value)
