@@ -8,7 +8,7 @@
   2. the late calls of a 1 kHz periodic function doing a coupling step, in
      Python (examples/python/coupling.py) and in C (examples/coupling.c).
 
-    /usr/bin/python3 bench/python_binding.py [--build build] [--calls 100000] [--rounds 5] [--seconds 5]
+    /usr/bin/python3 bench/python_binding.py [--build build] [--calls 20000] [--rounds 15] [--seconds 5]
 
 Needs a build with the benchmarks (cmake -DKALO_BUILD_BENCH=ON; target
 bench_call_cost) and the examples. Everything runs against kalo-sim on loopback.
@@ -33,9 +33,10 @@ def per_call_us(function, calls):
 
 
 def call_costs(kalo, np, build, calls, rounds):
-    """Each figure is the median over the rounds of a mean over calls; the
-    binding, bare ctypes and C take turns in every round, so that a busy
-    moment of the machine weighs on all three."""
+    """Each time is the median over the rounds of a mean over calls, each
+    ratio the median of the rounds' own ratios: the binding, bare ctypes and C
+    take turns in every round, so that a busy moment of the machine weighs on
+    all three."""
     times = {}
     c_program = os.path.join(build, "bench", "bench_call_cost")
     with kalo.sim.Simulator() as sim:
@@ -64,20 +65,20 @@ def call_costs(kalo, np, build, calls, rounds):
                     times.setdefault((match.group(1), "C"), []).append(float(match.group(2)))
     print(f"{'call':<20}{'kalo.Arm':>10}{'ctypes':>10}{'C':>10}{'Arm/ctypes':>12}{'Arm/C':>8}")
     for name, _binding, _raw, c_name in cases:
-        arm_us, raw_us, c_us = (statistics.median(times[key])
-                                for key in ((name, "Arm"), (name, "ctypes"), (c_name, "C")))
-        goal = "" if name == "get_position()" else ("  (goal 2x: met)" if arm_us <= 2 * raw_us
-                                                    else "  (goal 2x: MISSED)")
-        print(f"{name:<20}{arm_us:>7.3f} us{raw_us:>7.3f} us{c_us:>7.3f} us"
-              f"{arm_us / raw_us:>11.2f}x{arm_us / c_us:>7.1f}x{goal}")
+        arm, raw, c = (times[key] for key in ((name, "Arm"), (name, "ctypes"), (c_name, "C")))
+        to_raw = statistics.median(a / r for a, r in zip(arm, raw))
+        to_c = statistics.median(a / r for a, r in zip(arm, c))
+        goal = "" if name == "get_position()" else f"  (goal 2x: {'met' if to_raw <= 2 else 'MISSED'})"
+        print(f"{name:<20}{statistics.median(arm):>7.3f} us{statistics.median(raw):>7.3f} us"
+              f"{statistics.median(c):>7.3f} us{to_raw:>11.2f}x{to_c:>7.1f}x{goal}")
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--build", default=os.path.join(ROOT, "build"))
-    parser.add_argument("--calls", type=int, default=100000)
-    parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--seconds", type=float, default=5.0)
+    parser.add_argument("--calls", type=int, default=20000)
+    parser.add_argument("--rounds", type=int, default=15)
+    parser.add_argument("--seconds", type=float, default=5.0, help="0: the call costs alone")
     options = parser.parse_args()
     os.environ.setdefault("KALO_LIBRARY", os.path.join(options.build, "libkalo.so.4"))
     os.environ.setdefault("KALO_SIM", os.path.join(options.build, "sim", "kalo-sim"))
@@ -89,6 +90,8 @@ def main():
 
     print(f"== cost per call: median of {options.rounds} rounds of {options.calls} calls each")
     call_costs(kalo, np, options.build, options.calls, options.rounds)
+    if options.seconds <= 0:  # the call costs alone
+        return
     print(f"\n== 1 kHz coupling step for {options.seconds:g} s: calls late by more than half a period")
     seconds = str(options.seconds)
     for name, command in [  # the same step, the same summary line

@@ -86,6 +86,8 @@ class Param:
 
     def shape_source(self) -> str:
         """The Python expression of this parameter's numpy shape, inside a method."""
+        if self.count == "points":  # made by Arm whenever its count changes
+            return f"self._shape_p{self.cols or ''}"
         rows = f"self.{self.count}" if self.count else str(self.rows)
         return f"({rows},)" if self.cols is None else f"({rows}, {self.cols})"
 
@@ -259,8 +261,8 @@ def method_source(c_name: str, params: List[Param]) -> str:
                 lines.append(f"    {v} = _array_in({v}, {shape}, {v!r}, C_NAME, {room}, slot_{index})")
             arguments.append(v)
     lines += [
-        "    _handle = self._handle",
-        "    if _handle is None or self._loop_error is not None:",
+        "    _handle = self._ready",
+        "    if _handle is None:",
         "        _handle = self._live(C_NAME)",
         f"    _status = FUNCTION({', '.join(['_handle'] + arguments)})",
         "    if _status:",

@@ -22,7 +22,6 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 class DeviceCalls:
-    points: int
     axes: int
     samples: int
 '''

@@ -137,6 +137,9 @@ class Arm(DeviceCalls):
 
     def __init__(self, url: str) -> None:
         self._handle: Optional[int] = None
+        # The handle while the connection is open and no error of the loop
+        # function waits to be raised, else None: the one test of a call's fast path.
+        self._ready: Optional[int] = None
         self._lock = threading.Lock()
         self._callback: Any = None
         self._loop_error: Optional[BaseException] = None
@@ -148,7 +151,7 @@ class Arm(DeviceCalls):
         handle = lib.kaloOpen(_binding._text(url, "url", "kaloOpen"))
         if not handle:
             raise failure(last_global_error(), f"kaloOpen({url!r})")
-        self._handle = handle
+        self._handle = self._ready = handle
         _open_arms.add(self)
         try:
             self._count_points()
@@ -156,6 +159,17 @@ class Arm(DeviceCalls):
         except BaseException:
             self._close(raise_errors=False)
             raise
+
+    @property
+    def points(self) -> int:
+        """The control-point count of the per-point calls."""
+        return self._points
+
+    @points.setter
+    def points(self, count: int) -> None:
+        # the shapes of the per-point arrays, made once for the calls' checks
+        self._points = count
+        self._shape_p, self._shape_p6, self._shape_p7 = (count,), (count, 6), (count, 7)
 
     # ---- the connection ----------------------------------------------------
 
@@ -199,6 +213,7 @@ class Arm(DeviceCalls):
             lib.kaloStopLoop(handle)  # the function is not called again once this returns
         with self._lock:
             handle, self._handle = self._handle, None
+            self._ready = None
         status = lib.kaloClose(handle) if handle else 0
         error = failure(last_global_error(), "kaloClose") if status != 0 else None
         self._callback = None
@@ -209,7 +224,9 @@ class Arm(DeviceCalls):
                 raise error
 
     def _raise_loop_error(self) -> None:
-        error, self._loop_error = self._loop_error, None
+        with self._lock:
+            error, self._loop_error = self._loop_error, None
+            self._ready = self._handle
         if error is not None:
             raise error
 
@@ -239,7 +256,7 @@ class Arm(DeviceCalls):
             # The library released the context (a non-finite set-point closes
             # the connection); the reason is in kaloGlobalError.
             with self._lock:
-                self._handle = None
+                self._handle = self._ready = None
             code = last_global_error()
         if code == ErrorCode.NO_ERROR:
             raise KaloError(code, "the call failed without an error code", c_name, detail)
@@ -336,6 +353,7 @@ class Arm(DeviceCalls):
                 function(self)
             except BaseException as error:  # noqa: BLE001 (handed to the caller's thread)
                 self._loop_error = error
+                self._ready = None
                 lib.kaloStopLoop(context)
 
         callback = PeriodicFunction(trampoline)

@@ -207,6 +207,8 @@ def test_failures_raise_the_exception_of_their_code(arm):
     with pytest.raises(kalo.KaloError) as caught:
         kalo.Arm("http://127.0.0.1")
     assert caught.value.code == kalo.ErrorCode.URL_SYNTAX
+    with pytest.raises(ValueError, match="NUL"):
+        kalo.Arm("udpxdr://127.0.0.1\0#5000")  # C would read only what comes before the NUL
 
 
 def test_version_gate_and_silent_controller_raise_their_subclasses():
