@@ -415,6 +415,7 @@ DeviceState Controller::status() const {
   d.power = power_;
   d.pose = model_.pose();
   d.speed = model_.speed();
+  d.contact = model_.contact_force();
   d.alarm = static_cast<uint32_t>(st_.alarm);
   return d;
 }

@@ -147,10 +147,36 @@ Twist DeviceModel::wrench(double t, float dt, const ModelInputs &in) const {
   return w;
 }
 
+Vec3 DeviceModel::wall_force(float dt) const {
+  const Wall &wall = params_.wall;
+  const float n2 = wall.normal[0] * wall.normal[0] + wall.normal[1] * wall.normal[1] +
+                   wall.normal[2] * wall.normal[2];
+  if (!wall.enabled || !(n2 > 0) || !std::isfinite(n2))
+    return {};
+  const float inv = 1 / std::sqrt(n2);
+  const Vec3 n{wall.normal[0] * inv, wall.normal[1] * inv, wall.normal[2] * inv};
+  float depth = 0, speed = 0; // depth behind the plane, speed along the normal
+  for (int i = 0; i < 3; ++i) {
+    depth -= (pose_[i] - wall.point[i]) * n[i];
+    speed += speed_[i] * n[i];
+  }
+  if (!(depth > 0))
+    return {};
+  // Capped like the other springs so that the explicit step stays stable.
+  const float m = params_.mass;
+  const float k = std::clamp(wall.stiffness, 0.f, m / (dt * dt));
+  const float b = std::clamp(wall.damping, 0.f, m / dt);
+  const float push = std::max(0.f, k * depth - b * speed);
+  return {push * n[0], push * n[1], push * n[2]};
+}
+
 void DeviceModel::step(double t, float dt, const ModelInputs &in) {
   if (!(dt > 0))
     return;
-  const Twist w = wrench(t, dt, in);
+  Twist w = wrench(t, dt, in);
+  contact_ = wall_force(dt);
+  for (int i = 0; i < 3; ++i)
+    w[i] += contact_[i];
   // Semi-implicit Euler; the mechanism's damping is integrated implicitly so
   // that it cannot destabilise at any period.
   const float m = params_.mass, inertia = params_.inertia;

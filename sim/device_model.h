@@ -12,6 +12,18 @@ using Vec3 = std::array<float, 3>;
 using Pose = std::array<float, 7>;  // x y z, then quaternion x y z w
 using Twist = std::array<float, 6>; // linear, then angular (also wrenches and gains)
 
+// A flat, stiff wall that the handle can push against: the half-space behind
+// the plane through `point` facing `normal` (the side the handle comes from)
+// is solid. Inside it a spring along the normal and a damper on the normal
+// speed push the handle out; the wall never pulls.
+struct Wall {
+  bool enabled = false;
+  Vec3 point{0, 0, 0};
+  Vec3 normal{-1, 0, 0};    // normalised by the model; a zero normal means no wall
+  float stiffness = 5000.f; // N/m
+  float damping = 5.f;      // N s/m
+};
+
 // Physical parameters of the handle and of the controller's own servos.
 struct ModelParams {
   float mass = 0.5f;               // kg
@@ -20,6 +32,7 @@ struct ModelParams {
   float angular_damping = 0.01f;   // N m s/rad
   float workspace = 0.3f;          // m: the handle stays within +-workspace on each axis
   float tracking_bandwidth = 30.f; // rad/s of the position and speed set-point servos
+  Wall wall;                       // the environment: none by default
 };
 
 enum class HandPath : uint8_t { None, Circle, Line };
@@ -73,15 +86,19 @@ public:
   // Bits 0-5 of the alarm word: the handle touches the workspace's lower or
   // upper bound in x, y or z.
   uint32_t bound_bits() const { return bounds_; }
+  // The force the wall applied during the last step (0 out of contact), N.
+  const Vec3 &contact_force() const { return contact_; }
 
 private:
   Twist wrench(double t, float dt, const ModelInputs &in) const;
+  Vec3 wall_force(float dt) const;
 
   ModelParams params_;
   Hand hand_;
   Pose pose_{0, 0, 0, 0, 0, 0, 1};
   Twist speed_{};
   uint32_t bounds_ = 0;
+  Vec3 contact_{};
 };
 
 } // namespace kalo::sim

@@ -1,4 +1,5 @@
 // kalo-sim: the device controller simulator on the command line.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -51,6 +52,9 @@ Simulated arm
       --hand PATH         scripted operator hand: none, circle or line (default none)
       --hand-radius M     circle radius or half line length (default 0.05)
       --hand-frequency HZ turns or back-and-forths per second (default 0.5)
+      --wall X,Y,Z,NX,NY,NZ,K,B
+                          a wall through point X,Y,Z (m) facing normal NX,NY,NZ (the
+                          free side), of stiffness K (N/m) and damping B (N s/m)
 
 Device state (values as decimal or 0x hex)
       --buttons BITS      buttons pressed (bit k = button k+1)
@@ -144,6 +148,7 @@ enum Option {
   kHand,
   kHandRadius,
   kHandFrequency,
+  kWall,
   kButtons,
   kFailure,
   kAlarm,
@@ -197,6 +202,7 @@ int main(int argc, char **argv) {
       {"hand", required_argument, nullptr, kHand},
       {"hand-radius", required_argument, nullptr, kHandRadius},
       {"hand-frequency", required_argument, nullptr, kHandFrequency},
+      {"wall", required_argument, nullptr, kWall},
       {"buttons", required_argument, nullptr, kButtons},
       {"failure", required_argument, nullptr, kFailure},
       {"alarm", required_argument, nullptr, kAlarm},
@@ -303,6 +309,23 @@ int main(int argc, char **argv) {
     case kHandFrequency:
       cfg.hand.frequency_hz = static_cast<float>(number(a, "hand frequency"));
       break;
+    case kWall: {
+      const auto v = list(a, "wall", 8);
+      auto &w = cfg.model.wall;
+      if (v.size() != 8 ||
+          !std::all_of(v.begin(), v.end(), [](double x) { return std::abs(x) < 1e30; }))
+        usage_error("--wall takes 8 values within +-1e30: X,Y,Z,NX,NY,NZ,K,B");
+      if (v[3] * v[3] + v[4] * v[4] + v[5] * v[5] < 1e-12)
+        usage_error("the wall's normal must not be zero");
+      if (v[6] < 0 || v[7] < 0)
+        usage_error("the wall's stiffness and damping must not be negative");
+      w.enabled = true;
+      w.point = {static_cast<float>(v[0]), static_cast<float>(v[1]), static_cast<float>(v[2])};
+      w.normal = {static_cast<float>(v[3]), static_cast<float>(v[4]), static_cast<float>(v[5])};
+      w.stiffness = static_cast<float>(v[6]);
+      w.damping = static_cast<float>(v[7]);
+      break;
+    }
     case kButtons:
       initial.buttons = integer(a, "buttons", 0, 0xFFFF);
       break;

@@ -120,6 +120,7 @@ struct DeviceState {
   Pose pose{0, 0, 0, 0, 0, 0, 1};
   Twist speed{};
   uint32_t alarm = 0; // the word sent in item 54
+  Vec3 contact{};     // force of the wall on the handle (Config::model.wall), N
 };
 
 class Simulator {

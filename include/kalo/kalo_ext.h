@@ -184,6 +184,117 @@ KALO_API const char *kaloExtEventName(uint32_t kind);
  *          call; never NULL. */
 KALO_API const char *kaloExtLastErrorDetail(void);
 
+/* ---- Passivity observer and controller ------------------------------------ */
+
+/** A time-domain passivity observer and controller for one port of a
+ *  network that exchanges energy with an arm: a coupling to a simulation, or
+ *  one side of a teleoperation link. The observer counts, step by step, the
+ *  energy that has flowed through the port; when the network has given the
+ *  arm more energy than it took, the controller adds exactly the damping that
+ *  takes the excess back, no more than its cap (Hannaford and Ryu, "Time-domain
+ *  passivity control of haptic interfaces", IEEE Transactions on Robotics and
+ *  Automation 18(1), 2002).
+ *
+ *  Conventions: the force is the wrench the network applies to the arm
+ *  (force then moment: what you would give kaloSetForce()), the velocity is
+ *  the arm's twist (linear then angular: what kaloGetSpeed() gives). The power
+ *  the network takes from the arm is -force . velocity; over a step it is
+ *  counted as energy in (positive power) or energy out (negative power).
+ *
+ *  The observed energy is energy_in - energy_out + dissipated for a port on
+ *  its own. For the two ports of a link with a delay, each port's observer is
+ *  given the energy that entered at the other port, as it arrived over the
+ *  link (kaloExtPassivitySetSupply()): the observed energy is then
+ *  supply - energy_out + dissipated, which keeps the whole link passive
+ *  whatever its delay (the other port's energy_in only grows, so what arrived
+ *  late is never more than what entered).
+ *
+ *  The controller's damping is the same fraction (0 to 1) of the linear cap on
+ *  the force and of the angular cap on the moment. The record is plain data
+ *  owned by the caller (a local or static variable will do): nothing is
+ *  allocated, and a step costs a few dozen floating-point operations. One
+ *  record serves one port on one thread. */
+typedef struct KaloExtPassivity {
+  uint32_t size;              /**< in: sizeof(KaloExtPassivity), before kaloExtPassivityInit() */
+  uint32_t two_port;          /**< 1 once a supply was given: the observed energy counts it */
+  double time_step;           /**< s: the time expected between two steps */
+  double linear_damping_cap;  /**< N s/m: the most damping added to the force */
+  double angular_damping_cap; /**< N m s/rad: the most damping added to the moment */
+  double energy;              /**< J: the observed energy after the last step */
+  double linear_damping;      /**< N s/m: damping added by the last step (0 when passive) */
+  double angular_damping;     /**< N m s/rad: damping added by the last step */
+  double energy_in;           /**< J: energy the network took from the arm at this port */
+  double energy_out;          /**< J: energy the network gave the arm, before the controller */
+  double dissipated;          /**< J: energy the controller's damping took back */
+  double supply;              /**< J: the other port's energy_in, as last given */
+  double dissipating;         /**< W: the power the last step's damping takes back */
+  uint64_t steps;             /**< steps taken */
+  uint64_t active_steps;      /**< steps that added damping */
+  uint64_t capped_steps;      /**< steps whose damping was held at the cap */
+} KaloExtPassivity;
+
+/** Prepares a record for a port: no energy has flowed, no damping is added.
+ *  Call it again to start afresh.
+ *  @param passivity           the record; set passivity->size first.
+ *  @param time_step           s: the time expected between two steps (the loop
+ *                             period), finite and positive; the controller
+ *                             sizes its damping so that the excess is taken
+ *                             back over one such step.
+ *  @param linear_damping_cap  N s/m: the most damping added to the force,
+ *                             finite and 0 or more. Keep it within what the
+ *                             arm can render stably: a damping b on a handle
+ *                             of mass m stepped every T s needs b T / m well
+ *                             below 1.
+ *  @param angular_damping_cap N m s/rad: the same for the moment; 0 leaves
+ *                             rotations undamped.
+ *  @return 0, or -1 with KALO_ERROR_INCORRECT_VALUE in kaloGlobalError for a
+ *          NULL record, a size below sizeof(KaloExtPassivity), a time step
+ *          that is not finite and positive, or a cap that is negative or not
+ *          finite (the record is then left as it was). */
+KALO_API int32_t kaloExtPassivityInit(KaloExtPassivity *passivity, double time_step,
+                                      double linear_damping_cap, double angular_damping_cap);
+
+/** Gives the observer of one port of a delayed link the energy that entered
+ *  the link at the other port (the other record's energy_in), as it arrived.
+ *  From the first call on, the observed energy is supply - energy_out +
+ *  dissipated instead of energy_in - energy_out + dissipated. A value below
+ *  the supply already given is ignored: an old value that arrived late never
+ *  takes energy back.
+ *  @param passivity the record of this port.
+ *  @param energy    J: the other port's energy_in, finite and 0 or more.
+ *  @return 0, or -1 with KALO_ERROR_INCORRECT_VALUE in kaloGlobalError for a
+ *          NULL or uninitialised record or an energy that is negative or not
+ *          finite (the record is then left as it was). */
+KALO_API int32_t kaloExtPassivitySetSupply(KaloExtPassivity *passivity, double energy);
+
+/** One step of the observer and the controller. Counts the energy of the
+ *  interval since the previous step (the network's power at this step, and
+ *  the previous step's damping), then, when the observed energy is negative,
+ *  sets the damping that takes it back over one time step, capped:
+ *  fraction = min(1, -energy / (time_step * (linear_damping_cap * |v|^2 +
+ *  angular_damping_cap * |w|^2))), where v and w are the linear and angular
+ *  velocities; the force to apply is the network's force minus
+ *  fraction * linear_damping_cap * v, the moment minus
+ *  fraction * angular_damping_cap * w. An arm at rest gets no damping (none
+ *  would take energy back).
+ *  @param passivity the record of the port.
+ *  @param force     the wrench the network applies to the arm (6 values).
+ *  @param velocity  the arm's twist (6 values).
+ *  @param elapsed   s since the previous step: the time over which this
+ *                   step's power and the previous step's damping acted. 0
+ *                   (or a value that is not finite and positive) means the
+ *                   record's time step. Bound it yourself after a pause: the
+ *                   observer only knows the power at the step's instant.
+ *  @param out       receives the wrench to apply (6 values); it may be the
+ *                   same array as force. Every value is finite, within the
+ *                   largest float.
+ *  @return 0, or -1 with KALO_ERROR_INCORRECT_VALUE in kaloGlobalError for a
+ *          NULL or uninitialised record or array, or a force or velocity
+ *          with a value that is not finite: then out is all zeros (when
+ *          given) and the record is left as it was. */
+KALO_API int32_t kaloExtPassivityStep(KaloExtPassivity *passivity, const float force[6],
+                                      const float velocity[6], double elapsed, float out[6]);
+
 KALO_END_DECLS
 
 #endif
