@@ -164,7 +164,7 @@ def _array_in(value: Any, shape: Tuple[int, ...], name: str, c_name: str, room: 
     float32 copy padded to the room C may read."""
     if room is None and type(value) is np.ndarray and value.dtype == F32 and value.shape == shape:
         if value.flags.c_contiguous:
-            address = value.ctypes.data
+            address = _address_of(value)
             slot[0] = (value, address)
             return address
     floats = as_floats(value, shape, name, c_name).ravel()
@@ -182,10 +182,20 @@ def _check_out(out: Any, shape: Tuple[int, ...], name: str, c_name: str) -> None
         raise ValueError(f"{c_name}: out= must be writable and C-contiguous for {name}")
 
 
+def _address_of(array: np.ndarray) -> int:
+    """The address of a C-contiguous float32 array's first element: through a
+    ctypes view for a writable one (half the cost of .ctypes.data)."""
+    try:
+        return ctypes.addressof(_floats(array.size).from_buffer(array))
+    except TypeError:  # read-only
+        address: int = array.ctypes.data
+        return address
+
+
 def _array_out(out: Any, shape: Tuple[int, ...], name: str, c_name: str, slot: List[Any]) -> int:
     """The address of a caller's array to write into, kept in slot with it."""
     _check_out(out, shape, name, c_name)
-    address: int = out.ctypes.data
+    address = _address_of(out)
     slot[0] = (out, address)
     return address
 
