@@ -164,7 +164,7 @@ KaloContext *kaloOpen(const char *url) {
   std::string why;
   kalo::clear_error_detail();
   if (!kalo::parse_connection_url(url, &parsed, &why)) {
-    kalo::set_error_detail("bad URL syntax: %s", why.c_str());
+    kalo::set_error_detail("bad URL syntax: " + why);
     return abandon_open(ctx, KALO_ERROR_URL_SYNTAX);
   }
 
@@ -172,7 +172,7 @@ KaloContext *kaloOpen(const char *url) {
   const int session = open_protocol_udp(parsed.host.c_str(), parsed.local_port, parsed.remote_port);
   if (session < 0) {
     if (parsed.host.empty())
-      kalo::set_error_detail("bad URL syntax: no host in \"%s\"", url);
+      kalo::set_error_detail(std::string("bad URL syntax: no host in \"") + url + "\"");
     return abandon_open(ctx, KALO_ERROR_COMMUNICATION);
   }
   // The receive gives up now and then so that the exchange thread can see a
@@ -199,7 +199,7 @@ KaloContext *kaloOpen(const char *url) {
     kaloGlobalError = KALO_ERROR_COMMUNICATION;
     kaloClose(ctx);
     kaloGlobalError = KALO_ERROR_COMMUNICATION;
-    kalo::set_error_detail("%s", silent.c_str());
+    kalo::set_error_detail(silent);
     return nullptr;
   }
 

@@ -1,19 +1,19 @@
 // The per-thread text of kaloExtLastErrorDetail.
 #include "protocol/error_detail.h"
 
-#include <cstdarg>
 #include <arpa/inet.h>
 #include <cstdio>
+#include <cstring>
 
 #include "protocol/proto_session.h"
 
 namespace kalo {
 
-void set_error_detail(const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(t_error_detail, sizeof t_error_detail, format, args);
-  va_end(args);
+void set_error_detail(const std::string &text) {
+  const std::size_t n =
+      text.size() < sizeof t_error_detail ? text.size() : sizeof t_error_detail - 1;
+  std::memcpy(t_error_detail, text.data(), n);
+  t_error_detail[n] = '\0';
 }
 
 std::string no_state_frame_detail(int session, double seconds) {

@@ -20,7 +20,7 @@ inline void clear_error_detail() {
 }
 
 // Replaces the text (cut at 511 bytes).
-void set_error_detail(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void set_error_detail(const std::string &text);
 
 // The text of an open that heard nothing: "no state frame from ADDRESS:PORT
 // within N s", the controller's address as the session resolved it.

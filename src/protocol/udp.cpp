@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -61,7 +62,9 @@ int open_protocol_udp(const char *host, int local_port, int remote_port) {
     return -1;
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) {
-    kalo::set_error_detail("cannot create a UDP socket: %s", std::strerror(errno));
+    const int why = errno;
+    kalo::set_error_detail(std::string("cannot create a UDP socket: ") + std::strerror(why));
+    errno = why;
     return -1;
   }
 
@@ -72,19 +75,23 @@ int open_protocol_udp(const char *host, int local_port, int remote_port) {
       if (bound == 0 || errno != EADDRINUSE)
         break;
     }
-    if (bound != 0 && errno == EADDRINUSE)
-      kalo::set_error_detail("no free local port in %d-%d: each connection of this machine takes "
-                             "one; name another local port in the URL (host:port)",
-                             kFirstLocalPort, kLastLocalPort);
-    else if (bound != 0)
-      kalo::set_error_detail("cannot bind a local port: %s", std::strerror(errno));
   } else {
     bound = bind_port(fd, local_port);
-    if (bound != 0)
-      kalo::set_error_detail("cannot bind local port %d: %s", local_port, std::strerror(errno));
   }
   if (bound != 0) {
+    const int why = errno;
+    if (local_port == 0 && why == EADDRINUSE)
+      kalo::set_error_detail("no free local port in " + std::to_string(kFirstLocalPort) + "-" +
+                             std::to_string(kLastLocalPort) +
+                             ": each connection of this machine takes one; name another local "
+                             "port in the URL (host:port)");
+    else if (local_port == 0)
+      kalo::set_error_detail(std::string("cannot bind a local port: ") + std::strerror(why));
+    else
+      kalo::set_error_detail("cannot bind local port " + std::to_string(local_port) + ": " +
+                             std::strerror(why));
     close(fd);
+    errno = why;
     return -1;
   }
 
@@ -97,7 +104,7 @@ int open_protocol_udp(const char *host, int local_port, int remote_port) {
   peer->sin_port =
       htons(static_cast<uint16_t>(remote_port != 0 ? remote_port : kDefaultControllerPort));
   if (!resolve(host, &peer->sin_addr)) {
-    kalo::set_error_detail("unknown host \"%s\"", host);
+    kalo::set_error_detail(std::string("unknown host \"") + host + "\"");
     // Nothing of a failed open stays behind.
     std::free(peer);
     close(fd);
