@@ -69,10 +69,11 @@ typedef struct KaloExtLinkStatistics {
   uint64_t silent_periods;       /**< silences, the one going on included */
   uint64_t longest_silence_us;   /**< longest silence, the one going on included */
 
-  uint32_t recording;              /**< 1 while a recording runs */
+  uint32_t recording;              /**< 1 while a recording runs (0 once a write failed) */
   uint32_t reserved;               /**< 0; keeps the next members aligned */
   uint64_t recording_rows;         /**< rows written by the current or last recording */
-  uint64_t recording_rows_dropped; /**< rows lost because the writer fell behind */
+  uint64_t recording_rows_dropped; /**< rows not in the file: the writer fell behind, or a
+                                        write failed (then every row after it) */
 } KaloExtLinkStatistics;
 
 /** Reads the telemetry of a connection. Works on a connection that failed
@@ -105,13 +106,19 @@ KALO_API int32_t kaloExtResetLinkStatistics(KaloContext *context);
  *  and late ones since the start of the recording). Values are those of the
  *  first control point. The exchange thread only copies each row into a
  *  buffer; a thread of the recording writes the file, and rows that find the
- *  buffer full are counted as dropped, never waited for.
+ *  buffer full are counted as dropped, never waited for. A write that fails
+ *  (a full disk) ends the recording: the file keeps the complete rows written
+ *  before it, every later row is counted as dropped, a
+ *  KALO_EXT_EVENT_RECORDING_FAILED event is recorded and kaloExtStopRecording
+ *  reports the failure.
  *  @param context the connection.
  *  @param path    the file to create (replaced when it exists).
  *  @return 0, or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError;
  *          KALO_ERROR_COMMUNICATION when the connection failed;
  *          KALO_ERROR_INCORRECT_VALUE for a NULL path, a file that cannot be
- *          created, or a recording already running; KALO_ERROR_OUT_OF_MEMORY. */
+ *          created or written, or a recording already running (the path and
+ *          the system's reason in kaloExtLastErrorDetail);
+ *          KALO_ERROR_OUT_OF_MEMORY. */
 KALO_API int32_t kaloExtStartRecording(KaloContext *context, const char *path);
 
 /** Stops the recording, writes the rows still buffered and closes the file.
@@ -119,7 +126,11 @@ KALO_API int32_t kaloExtStartRecording(KaloContext *context, const char *path);
  *  @param context the connection.
  *  @return the number of rows dropped (0 when the file holds every exchange),
  *          or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError;
- *          KALO_ERROR_INCORRECT_VALUE when no recording runs. */
+ *          KALO_ERROR_INCORRECT_VALUE when no recording runs, or when a write
+ *          to the file failed: the recording ended then, and
+ *          kaloExtLastErrorDetail says "cannot write recording file PATH:
+ *          reason (N rows written, M not)"; the link statistics keep both
+ *          counts. */
 KALO_API int32_t kaloExtStopRecording(KaloContext *context);
 
 /* ---- Events of the safety actions ----------------------------------------- */
@@ -138,6 +149,9 @@ KALO_API int32_t kaloExtStopRecording(KaloContext *context);
 #define KALO_EXT_EVENT_FOREIGN_DATAGRAM 4
 /** A command frame could not be sent; the link is dropped: value is errno. */
 #define KALO_EXT_EVENT_SEND_FAILED 5
+/** A write to the recording's file failed and ended the recording: value is
+ *  errno (ENOSPC for a full disk), threshold 0. */
+#define KALO_EXT_EVENT_RECORDING_FAILED 8
 
 /** One safety action. */
 typedef struct KaloExtEvent {

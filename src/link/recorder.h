@@ -3,12 +3,16 @@
 // recording turns them into CSV lines. The exchange thread is the ring's only
 // producer and the writer its only consumer; a full ring drops the row and
 // counts it, so the exchange thread never waits, allocates or writes a file.
+// A write that fails (a full disk) ends the recording: the file keeps the
+// complete rows written before, every later row is counted as dropped, and the
+// failure is reported once through the recording's failure callback.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -37,10 +41,14 @@ struct RecordRow {
 
 class Recorder {
 public:
+  // Called once, on the writer thread, when a write fails: the errno.
+  using FailureCallback = std::function<void(int)>;
+
   // Creates the file, writes the header and starts the writer. Null, with a
-  // reason in *error, when the file cannot be created.
+  // reason in *error, when the file cannot be created or written.
   static std::unique_ptr<Recorder> start(const char *path, uint64_t start_us, uint64_t calls,
-                                         uint64_t late_calls, std::string *error);
+                                         uint64_t late_calls, FailureCallback on_failure,
+                                         std::string *error);
   ~Recorder();
   Recorder(const Recorder &) = delete;
   Recorder &operator=(const Recorder &) = delete;
@@ -54,6 +62,10 @@ public:
   void stop();
   uint64_t rows() const { return rows_.load(std::memory_order_relaxed); }
   uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
+  // True once a write failed: the recording has ended.
+  bool failed() const { return failed_.load(std::memory_order_acquire); }
+  // "cannot write recording file PATH: reason", "" while no write failed.
+  std::string error() const;
 
 private:
   static constexpr uint64_t kCapacity = 8192; // rows: 8 s at 1 kHz
@@ -61,7 +73,9 @@ private:
   Recorder() = default;
   void run();
   void drain();
-  void write_row(const RecordRow &r);
+  void format_row(const RecordRow &r);
+  void write_batch(uint64_t rows_in_batch);
+  void fail(int error_number);
 
   std::unique_ptr<RecordRow[]> ring_;
   std::atomic<uint64_t> head_{0}; // next row to publish (producer)
@@ -69,8 +83,14 @@ private:
   std::atomic<uint64_t> rows_{0};
   std::atomic<uint64_t> dropped_{0};
   std::atomic<bool> stop_{false};
-  std::FILE *file_ = nullptr;
-  bool file_failed_ = false;
+  std::atomic<bool> failed_{false};
+  int fd_ = -1;
+  std::string path_;
+  std::string batch_;      // the lines of the rows being written (writer thread)
+  uint64_t file_size_ = 0; // bytes of complete lines in the file
+  FailureCallback on_failure_;
+  mutable std::mutex error_mutex_;
+  std::string error_;
   uint64_t start_us_ = 0;
   uint64_t calls_base_ = 0;
   uint64_t late_base_ = 0;

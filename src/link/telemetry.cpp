@@ -57,17 +57,20 @@ void record_exchange(KaloContext *ctx, bool answered) {
   r->publish();
 }
 
-// Takes the recording away from the exchange thread and ends it.
-void stop_recording(Telemetry &t) {
+// Takes the recording away from the exchange thread and ends it. Returns
+// why the file could not be written, "" when it could.
+std::string stop_recording(Telemetry &t) {
   Recorder *r = t.recorder.exchange(nullptr, std::memory_order_seq_cst);
   if (r == nullptr)
-    return;
+    return {};
   while (t.recorder_busy.load(std::memory_order_seq_cst) != 0)
     sched_yield();
   r->stop();
   t.recording_rows.store(r->rows(), std::memory_order_relaxed);
   t.recording_dropped.store(r->dropped(), std::memory_order_relaxed);
+  std::string failure = r->error();
   delete r;
+  return failure;
 }
 
 } // namespace
@@ -238,7 +241,8 @@ void fill(KaloContext *ctx, KaloExtLinkStatistics *s) {
       s->longest_silence_us = quiet;
   }
 
-  s->recording = t.recorder.load(std::memory_order_relaxed) != nullptr ? 1 : 0;
+  const kalo::Recorder *running = t.recorder.load(std::memory_order_relaxed);
+  s->recording = running != nullptr && !running->failed() ? 1 : 0;
   s->reserved = 0;
   s->recording_rows = t.recording_rows.load(std::memory_order_relaxed);
   s->recording_rows_dropped = t.recording_dropped.load(std::memory_order_relaxed);
@@ -309,13 +313,19 @@ int32_t kaloExtStartRecording(KaloContext *context, const char *path) {
                                              : "a recording of this connection already runs");
     } else {
       std::string error;
-      auto r =
-          kalo::Recorder::start(path, kalo::monotonic_us(),
-                                t.counts[kalo::kPeriodicCalls].load(std::memory_order_relaxed),
-                                t.counts[kalo::kLateCalls].load(std::memory_order_relaxed), &error);
+      // A failed write is an event of the connection; the context outlives
+      // its recording (kaloClose stops it first).
+      auto on_failure = [context](int error_number) {
+        kalo::record_event(context, KALO_EXT_EVENT_RECORDING_FAILED,
+                           static_cast<double>(error_number), 0);
+      };
+      auto r = kalo::Recorder::start(path, kalo::monotonic_us(),
+                                     t.counts[kalo::kPeriodicCalls].load(std::memory_order_relaxed),
+                                     t.counts[kalo::kLateCalls].load(std::memory_order_relaxed),
+                                     on_failure, &error);
       if (r == nullptr) {
         code = error == "out of memory" ? KALO_ERROR_OUT_OF_MEMORY : KALO_ERROR_INCORRECT_VALUE;
-        kalo::set_error_detail("%s", error.c_str());
+        kalo::set_error_detail(error);
       } else {
         t.recording_rows.store(0, std::memory_order_relaxed);
         t.recording_dropped.store(0, std::memory_order_relaxed);
@@ -331,6 +341,7 @@ int32_t kaloExtStartRecording(KaloContext *context, const char *path) {
 }
 
 int32_t kaloExtStopRecording(KaloContext *context) {
+  kalo::clear_error_detail();
   if (!kalo::is_live(context)) {
     kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
     return -1;
@@ -341,8 +352,15 @@ int32_t kaloExtStopRecording(KaloContext *context) {
     context->error_code = KALO_ERROR_INCORRECT_VALUE;
     return -1;
   }
-  kalo::stop_recording(t);
+  const std::string failure = kalo::stop_recording(t);
   const uint64_t dropped = t.recording_dropped.load(std::memory_order_relaxed);
+  if (!failure.empty()) {
+    kalo::set_error_detail(failure + " (" +
+                           std::to_string(t.recording_rows.load(std::memory_order_relaxed)) +
+                           " rows written, " + std::to_string(dropped) + " not)");
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
   return dropped > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(dropped);
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -10,6 +12,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
@@ -169,6 +172,77 @@ TEST(SessionRecording, WritesOneRowPerExchangeAndStopsAtClose) {
 
   EXPECT_EQ(kaloExtStartRecording(nullptr, "x.csv"), -1);
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_INVALID_CONTEXT);
+}
+
+// A file that cannot be written is an error, never a recording that looks
+// complete: refused at the start when it takes nothing, and when the disk fills
+// during the recording, the recording ends, the file holds whole rows only,
+// every row not in it is counted as dropped, and an event and the stop say so.
+TEST(SessionRecording, AWriteFailureEndsTheRecordingAndIsReported) {
+  Link link(core_test::sim_config());
+  ASSERT_TRUE(link.open());
+  const struct {
+    const char *path;
+    const char *detail;
+  } refused[] = {
+      {"/dev/full", "cannot write recording file /dev/full: No space left on device"},
+      {"/nonexistent-dir/r.csv",
+       "cannot create recording file /nonexistent-dir/r.csv: No such file or directory"},
+  };
+  for (const auto &r : refused) {
+    EXPECT_EQ(kaloExtStartRecording(link.ctx, r.path), -1);
+    EXPECT_EQ(kaloGetErrorCode(link.ctx), KALO_ERROR_INCORRECT_VALUE);
+    EXPECT_STREQ(kaloExtLastErrorDetail(), r.detail);
+  }
+
+  // A 40 kB limit on file sizes stands for a disk that fills.
+  const std::string path = "recording_full_" + std::to_string(getpid()) + ".csv";
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  rlimit small = saved;
+  small.rlim_cur = 40000;
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  ASSERT_EQ(kaloExtStartRecording(link.ctx, path.c_str()), 0);
+  EXPECT_TRUE(kalo_test::eventually([&] { return read_stats(link.ctx).recording == 0; }, 5000ms));
+  const uint64_t dropped_at_failure = read_stats(link.ctx).recording_rows_dropped;
+  EXPECT_TRUE(kalo_test::eventually(
+      [&] { return read_stats(link.ctx).recording_rows_dropped > dropped_at_failure + 20; }));
+  EXPECT_EQ(kaloExtStopRecording(link.ctx), -1);
+  const uint64_t frames_after = read_stats(link.ctx).state_frames_received;
+  setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previous);
+  EXPECT_EQ(kaloGetErrorCode(link.ctx), KALO_ERROR_INCORRECT_VALUE);
+  const std::string detail = kaloExtLastErrorDetail();
+  EXPECT_EQ(detail.rfind("cannot write recording file " + path + ": File too large (", 0), 0u)
+      << detail;
+
+  const KaloExtLinkStatistics s = read_stats(link.ctx);
+  std::string header;
+  const auto rows = read_csv(path, &header);
+  const std::size_t columns =
+      static_cast<std::size_t>(std::count(header.begin(), header.end(), ',')) + 1;
+  EXPECT_GT(rows.size(), 10u);
+  EXPECT_EQ(rows.size(), s.recording_rows);
+  for (const auto &row : rows)
+    ASSERT_EQ(row.size(), columns);
+  // Every frame of the recording, from the first row's on, is a row in the
+  // file or a dropped one (a few frames may come between the stop and the
+  // reading of the count).
+  ASSERT_FALSE(rows.empty());
+  const uint64_t frames = frames_after - std::stoull(rows.front()[1]) + 1;
+  EXPECT_LE(s.recording_rows + s.recording_rows_dropped, frames);
+  EXPECT_GE(s.recording_rows + s.recording_rows_dropped + 20, frames);
+  std::remove(path.c_str());
+
+  KaloExtEvent events[4];
+  events[0].size = sizeof(KaloExtEvent);
+  uint32_t count = 0;
+  ASSERT_EQ(kaloExtGetEvents(link.ctx, events, 4, &count), 0);
+  ASSERT_GE(count, 1u);
+  EXPECT_EQ(events[count - 1].kind, static_cast<uint32_t>(KALO_EXT_EVENT_RECORDING_FAILED));
+  EXPECT_EQ(events[count - 1].value, static_cast<double>(EFBIG));
+  EXPECT_STREQ(kaloExtEventName(KALO_EXT_EVENT_RECORDING_FAILED), "recording failed");
 }
 
 TEST(SafetyEvents, ANonFiniteSetPointLeavesAnEventReadableAfterTheClose) {
