@@ -9,10 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "protocol/field_values.h"
 #include "simulator.h"
 
 namespace {
@@ -130,6 +132,20 @@ std::vector<double> list(const std::string &text, const char *what, std::size_t 
   if (out.size() > max)
     usage_error(std::string("too many values for ") + what);
   return out;
+}
+
+// A field put with --set carries exactly the values its item has with the
+// configured counts: fewer would leave members unset, more would be dropped.
+void check_set_values(kalo::Field f, const std::vector<double> &values,
+                      const kalo::sim::Config &cfg) {
+  auto record = std::make_unique<ExchangeRecord>();
+  record->control_point_count = cfg.control_points;
+  record->axis_count_wire = cfg.axes;
+  const std::size_t wanted = kalo::value_count(*record, f);
+  if (values.size() != wanted)
+    usage_error(std::string("--set ") + kalo::field_name(kalo::id(f)) + " takes " +
+                std::to_string(wanted) + " value(s) with these counts, not " +
+                std::to_string(values.size()));
 }
 
 enum Option {
@@ -252,6 +268,8 @@ int main(int argc, char **argv) {
     }
     case kDuration:
       duration = number(a, "duration");
+      if (duration < 0)
+        usage_error("duration must not be negative");
       break;
     case kVersion:
       if (!kalo::sim::parse_version(a, cfg.version_major, cfg.version_minor))
@@ -308,6 +326,8 @@ int main(int argc, char **argv) {
       break;
     case kHandFrequency:
       cfg.hand.frequency_hz = static_cast<float>(number(a, "hand frequency"));
+      if (cfg.hand.frequency_hz < 0)
+        usage_error("hand frequency must not be negative");
       break;
     case kWall: {
       const auto v = list(a, "wall", 8);
@@ -387,10 +407,14 @@ int main(int argc, char **argv) {
         usage_error("--silence takes MS@SECONDS");
       silence_ms = integer(s.substr(0, at).c_str(), "silence", 0, 3'600'000);
       silence_at = number(s.substr(at + 1).c_str(), "silence start");
+      if (silence_at < 0)
+        usage_error("silence start must not be negative");
       break;
     }
     case kRestartAfter:
       restart_after = number(a, "restart time");
+      if (restart_after < 0)
+        usage_error("restart time must not be negative");
       break;
     case kSeed:
       cfg.faults.seed = static_cast<uint32_t>(integer(a, "seed", 0, 0xFFFFFFFFL));
@@ -413,6 +437,8 @@ int main(int argc, char **argv) {
   }
   if (optind < argc)
     usage_error(std::string("unexpected argument '") + argv[optind] + "'");
+  for (const auto &[id, values] : initial.fields)
+    check_set_values(id, values, cfg);
 
   kalo::sim::Simulator sim(cfg);
   if (initial.buttons >= 0)
@@ -493,8 +519,14 @@ int main(int argc, char **argv) {
     }
     if (duration > 0 && t >= duration)
       break;
+    if (!sim.trace_error().empty())
+      break; // a trace that cannot be written is no trace: stop and say so
   }
   sim.stop();
+  if (const std::string trace = sim.trace_error(); !trace.empty()) {
+    std::fprintf(stderr, "kalo-sim: %s\n", trace.c_str());
+    return 1;
+  }
   const auto s = sim.stats();
   if (cfg.verbosity >= 1)
     std::fprintf(stderr, "kalo-sim: stopped; %llu frames sent, %llu received, %llu malformed\n",

@@ -435,6 +435,10 @@ Stats Simulator::stats() const {
   return s;
 }
 
+std::string Simulator::trace_error() const {
+  return impl_->trace.error();
+}
+
 #define KALO_SIM_SET(body)                                                                         \
   do {                                                                                             \
     std::lock_guard<std::mutex> lock(impl_->mutex);                                                \

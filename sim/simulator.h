@@ -145,6 +145,8 @@ public:
   bool wait_for_client(std::chrono::milliseconds timeout);
   DeviceState device() const;
   Stats stats() const;
+  // Why the trace file could not be written, "" while it could or without one.
+  std::string trace_error() const;
   // Waits until at least n state frames have been sent in total.
   bool wait_for_frames_sent(uint64_t n, std::chrono::milliseconds timeout);
 

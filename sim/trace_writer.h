@@ -23,7 +23,8 @@ public:
   ~TraceWriter() { close(); }
 
   // Creates the file, writes the header and starts the writing thread; false,
-  // with the reason in *error when given, if the file cannot be created.
+  // with the reason in *error when given, if the file cannot be created or
+  // written.
   bool open(const std::string &path, std::string *error);
   bool is_open() const { return file_ != nullptr; }
   // Queues a complete line (or several); counted as lost instead when the
@@ -32,12 +33,21 @@ public:
   // Writes what is queued, stops the thread and closes the file. Idempotent.
   void close();
   uint64_t lost() const { return lost_.load(std::memory_order_relaxed); }
+  // Why the file could not be written ("cannot write trace file PATH:
+  // reason"), "" while every line went in. After a failure nothing more is
+  // written and every line is counted as lost.
+  std::string error() const;
 
 private:
   void run();
+  bool write_out(const std::string &text); // false (with error_ set) on a write error
+  void fail(int error_number);
 
   std::FILE *file_ = nullptr;
-  std::mutex mutex_;
+  std::string path_;
+  std::size_t written_ = 0; // bytes of whole lines in the file (writing thread)
+  mutable std::mutex mutex_;
+  std::string error_; // under mutex_
   std::condition_variable cv_;
   std::string front_, back_;
   bool stop_ = false;

@@ -131,6 +131,14 @@ std::size_t put_values(ExchangeRecord &record, Field f, std::span<const double> 
   return i;
 }
 
+std::size_t value_count(const ExchangeRecord &record, Field f) {
+  if (f == Field::traj_sample)
+    return 8;
+  std::size_t n = 0;
+  for_each_value(record, f, [&](Kind, const unsigned char *) { ++n; });
+  return n;
+}
+
 void append_values(const ExchangeRecord &record, Field f, std::string &out) {
   bool first = true;
   for_each_value(record, f, [&](Kind kind, const unsigned char *p) {

@@ -23,6 +23,11 @@ bool has_values(Field f);
 // slot. Returns the number of values stored.
 std::size_t put_values(ExchangeRecord &record, Field f, std::span<const double> values);
 
+// How many values the field's item carries with the record's counts (items
+// 52 and 69, bounded by the record's room): what put_values takes in full.
+// Item 29 carries the index and one sample: 8.
+std::size_t value_count(const ExchangeRecord &record, Field f);
+
 // Appends the field's values, space-separated, to out.
 void append_values(const ExchangeRecord &record, Field f, std::string &out);
 
