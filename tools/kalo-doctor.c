@@ -6,8 +6,9 @@
  *   - kernel preemption model
  *   - timer wake-up jitter: 1 kHz absolute sleeps for 5 s (p99, max)
  *   - local ports 3131-3140: free for the library's connections
- *   - with a URL: loss, inter-arrival p99 and query round trip against the
- *     controller (or kalo-sim) for 5 s, from the library's telemetry
+ *   - with a URL: frame rate, silences, loss, inter-arrival p99 and query
+ *     round trip against the controller (or kalo-sim) for 5 s, from the
+ *     library's telemetry
  * Needs no privileges: what it may not do is reported with its fix.
  *
  *   kalo-doctor [--json] [--seconds S] [URL]
@@ -40,7 +41,7 @@ static const char *const status_names[] = {"pass", "fail", "skip"};
 struct check {
   const char *name;
   enum status status;
-  char detail[256];
+  char detail[384];
   char fix[256];
 };
 static struct check checks[MAX_CHECKS];
@@ -315,6 +316,54 @@ static void check_ports(void) {
 
 /* ---- the link to a controller -------------------------------------------- */
 
+/* The link's verdict from its telemetry over the measurement and the query
+ * round trips. A controller that fell silent, or whose frames came well below
+ * its own rate, fails even when nothing was lost: the loss detector counts a
+ * silence as a pause, not as lost frames. */
+static void judge_link(struct check *c, const KaloExtLinkStatistics *s, int queries,
+                       double p99_trip, double max_trip) {
+  const double period = s->controller_period_us > 0 ? (double)s->controller_period_us : 1000.0;
+  const double controller_hz = s->controller_period_us > 0 ? 1e6 / period : 0.0;
+  char why[160] = "";
+  snprintf(c->detail, sizeof c->detail,
+           "%.0f Hz, loss %.2f %%, inter-arrival p99 %u us (max %u), query round trip p99 "
+           "%.0f us (max %.0f, %d queries)",
+           s->frame_rate_hz, 100.0 * s->loss_ratio, (unsigned)s->interarrival_p99_us,
+           (unsigned)s->interarrival_max_us, p99_trip, max_trip, queries);
+  if (s->state_frames_received == 0) {
+    c->status = FAIL;
+    snprintf(c->fix, sizeof c->fix, "the controller does not answer: is it streaming?");
+    return;
+  }
+  if (queries == 0)
+    snprintf(why, sizeof why, "; no query was answered");
+  if (s->silent_periods > 0) {
+    const size_t used = strlen(why);
+    snprintf(why + used, sizeof why - used,
+             "; the controller fell silent %llu time(s), the longest for %.3f s",
+             (unsigned long long)s->silent_periods, (double)s->longest_silence_us * 1e-6);
+  }
+  if (controller_hz > 0.0 && s->frame_rate_hz < 0.9 * controller_hz) {
+    const size_t used = strlen(why);
+    snprintf(why + used, sizeof why - used, "; frame rate well below the controller's %.0f Hz",
+             controller_hz);
+  }
+  if (why[0]) {
+    const size_t used = strlen(c->detail);
+    snprintf(c->detail + used, sizeof c->detail - used, "%s", why);
+    c->status = FAIL;
+    snprintf(c->fix, sizeof c->fix,
+             "the controller stopped sending for a while: check its load and its own logs, and "
+             "that nothing on the path (switch, firewall, power saving) holds frames back");
+  } else if (s->loss_ratio > 0.01 || (double)s->interarrival_p99_us > 2.0 * period ||
+             p99_trip > 5.0 * period) {
+    c->status = FAIL;
+    snprintf(c->fix, sizeof c->fix,
+             "use a dedicated wired link (no Wi-Fi, no switch shared with bulk traffic), "
+             "disable interrupt coalescing (ethtool -C IFACE rx-usecs 0) and check the cable");
+  }
+}
+
 static void check_link(const char *url, double seconds) {
   struct check *c = add_check("link to the controller");
   KaloExtLinkStatistics s;
@@ -323,12 +372,13 @@ static void check_link(const char *url, double seconds) {
   int n = 0, room = (int)(seconds * 1000.0) + 1, failed = 0;
   float gains[6];
 
-  progress("opening the link and measuring it...");
+  progress("opening the link...");
   ctx = kaloOpen(url);
   if (ctx == NULL) {
+    const char *why = kaloExtLastErrorDetail();
     c->status = FAIL;
-    snprintf(c->detail, sizeof c->detail, "cannot open %s: %s", url,
-             kaloGetErrorMessage(kaloGlobalError));
+    snprintf(c->detail, sizeof c->detail, "cannot open %s: %s%s%s", url,
+             kaloGetErrorMessage(kaloGlobalError), why[0] ? ": " : "", why);
     snprintf(c->fix, sizeof c->fix,
              "check the address and the controller's port (host#5000), that it is on and "
              "reachable (ping), and that no firewall drops UDP");
@@ -344,6 +394,7 @@ static void check_link(const char *url, double seconds) {
   /* The loss detector learns the controller's period from its first frames. */
   usleep(400000);
   kaloExtResetLinkStatistics(ctx);
+  progress("measuring the link...");
   start = now_us();
   /* Each query goes out with the next command frame and comes back in a
    * later state frame: its time is the round trip the application sees. */
@@ -367,24 +418,7 @@ static void check_link(const char *url, double seconds) {
   }
   free(trips);
 
-  snprintf(c->detail, sizeof c->detail,
-           "%.0f Hz, loss %.2f %%, inter-arrival p99 %u us (max %u), query round trip p99 "
-           "%.0f us (max %.0f, %d queries)",
-           s.frame_rate_hz, 100.0 * s.loss_ratio, (unsigned)s.interarrival_p99_us,
-           (unsigned)s.interarrival_max_us, p99_trip, max_trip, n);
-  {
-    const double period = s.controller_period_us > 0 ? (double)s.controller_period_us : 1000.0;
-    if (n == 0 || s.state_frames_received == 0) {
-      c->status = FAIL;
-      snprintf(c->fix, sizeof c->fix, "the controller does not answer: is it streaming?");
-    } else if (s.loss_ratio > 0.01 || (double)s.interarrival_p99_us > 2.0 * period ||
-               p99_trip > 5.0 * period) {
-      c->status = FAIL;
-      snprintf(c->fix, sizeof c->fix,
-               "use a dedicated wired link (no Wi-Fi, no switch shared with bulk traffic), "
-               "disable interrupt coalescing (ethtool -C IFACE rx-usecs 0) and check the cable");
-    }
-  }
+  judge_link(c, &s, n, p99_trip, max_trip);
 }
 
 /* ---- report ---------------------------------------------------------------- */

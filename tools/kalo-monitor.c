@@ -3,11 +3,13 @@
  * foreign datagrams, late periodic calls, the latest safety event) on one
  * refreshing terminal screen until Ctrl-C, or a single snapshot with --once. Written against the
  * public C header only, so it doubles as a check that kalo.h serves C programs.
+ * A controller that sends no state frame for 1 s has stopped answering: the
+ * monitor then exits with status 1 and says so.
  *
  *   kalo-monitor [--once] [--period SECONDS] URL
  *   URL: [udpxdr://]host[:local-port][#controller-port], e.g. 127.0.0.1#5000
  */
-#define _POSIX_C_SOURCE 200112L /* sigaction, nanosleep */
+#define _POSIX_C_SOURCE 200112L /* sigaction, nanosleep, clock_gettime */
 
 #include <signal.h>
 #include <stdio.h>
@@ -21,6 +23,9 @@
 
 static volatile sig_atomic_t stop_requested = 0;
 
+/* No state frame for this long: the controller stopped answering. */
+static const double silence_limit_s = 1.0;
+
 static void on_signal(int sig) {
   (void)sig;
   stop_requested = 1;
@@ -30,7 +35,9 @@ static void usage(FILE *out) {
   fprintf(out, "usage: kalo-monitor [--once] [--period SECONDS] URL\n"
                "  URL      [udpxdr://]host[:local-port][#controller-port], e.g. 127.0.0.1#5000\n"
                "  --once   print one snapshot and exit\n"
-               "  --period refresh period of the live screen (default 0.1 s)\n");
+               "  --period refresh period of the live screen (default 0.1 s)\n"
+               "exit status: 0 after Ctrl-C or a snapshot, 1 when the connection cannot be\n"
+               "opened or the controller sends no state frame for 1 s, 2 for bad arguments\n");
 }
 
 /* Lists the set bits of word (bit k named k+1) after label, or "none". */
@@ -114,11 +121,57 @@ static int print_snapshot(KaloContext *ctx, const char *url) {
   return 0;
 }
 
+static double monotonic_s(void) {
+  struct timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
+}
+
+/* The error's message and, when the library has more to say, its detail. */
+static void print_failure(const char *what, int32_t code) {
+  const char *detail = kaloExtLastErrorDetail();
+  fprintf(stderr, "kalo-monitor: %s%s%s%s\n", what, kaloGetErrorMessage(code),
+          detail[0] ? ": " : "", detail);
+}
+
+/* Seconds since the latest state frame, as the monitor's own clock saw the
+ * frame count advance. */
+static double seconds_without_frames(KaloContext *ctx) {
+  static uint64_t frames = 0;
+  static double since = -1.0;
+  KaloExtLinkStatistics s;
+  const double now = monotonic_s();
+  memset(&s, 0, sizeof s);
+  s.size = sizeof s;
+  if (kaloExtGetLinkStatistics(ctx, &s) != 0)
+    return 0.0;
+  if (since < 0.0 || s.state_frames_received != frames) {
+    frames = s.state_frames_received;
+    since = now;
+  }
+  return now - since;
+}
+
 static void sleep_seconds(double s) {
   struct timespec t;
   t.tv_sec = (time_t)s;
   t.tv_nsec = (long)((s - (double)t.tv_sec) * 1e9);
   nanosleep(&t, NULL);
+}
+
+/* Waits for the next screen, watching the link meanwhile; 0 when the
+ * controller fell silent for silence_limit_s, however long the period. */
+static int wait_watching(KaloContext *ctx, double period) {
+  const double end = monotonic_s() + period;
+  while (!stop_requested) {
+    const double left = end - monotonic_s();
+    if (seconds_without_frames(ctx) >= silence_limit_s)
+      return 0;
+    if (left <= 0.0)
+      break;
+    sleep_seconds(left < 0.05 ? left : 0.05);
+  }
+  return 1;
 }
 
 int main(int argc, char **argv) {
@@ -162,8 +215,9 @@ int main(int argc, char **argv) {
 
   ctx = kaloOpen(url);
   if (ctx == NULL) {
-    fprintf(stderr, "kalo-monitor: cannot open %s: %s\n", url,
-            kaloGetErrorMessage(kaloGlobalError));
+    char what[300];
+    snprintf(what, sizeof what, "cannot open %s: ", url);
+    print_failure(what, kaloGlobalError);
     return 1;
   }
 
@@ -180,11 +234,17 @@ int main(int argc, char **argv) {
       }
       if (!tty)
         putchar('\n');
-      sleep_seconds(period);
+      if (!wait_watching(ctx, period)) {
+        fprintf(stderr,
+                "kalo-monitor: the controller stopped answering: no state frame for %.1f s\n",
+                silence_limit_s);
+        kaloClose(ctx);
+        return 1;
+      }
     }
   }
   if (status != 0)
-    fprintf(stderr, "kalo-monitor: %s\n", kaloGetErrorMessage(kaloGetErrorCode(ctx)));
+    print_failure("", kaloGetErrorCode(ctx));
   kaloClose(ctx);
   return status;
 }

@@ -74,3 +74,33 @@ TEST(Monitor, RefusesBadArgumentsAndReportsAMissingController) {
   EXPECT_EQ(help.second, 0);
   EXPECT_NE(help.first.find("usage: kalo-monitor"), std::string::npos);
 }
+
+// A controller that stops streaming ends the live screen with status 1 and a
+// reason, within the documented 1 s of silence.
+TEST(Monitor, ExitsWithAReasonWhenTheControllerFallsSilent) {
+  const std::string tool = monitor_path();
+  if (tool.empty() || access(tool.c_str(), X_OK) != 0)
+    GTEST_SKIP() << "kalo-monitor not built";
+  kalo::sim::Config cfg;
+  cfg.port = 17743;
+  kalo::sim::Simulator sim(cfg);
+  ASSERT_TRUE(sim.start());
+  FILE *p = popen((tool + " --period 0.05 udpxdr://127.0.0.1:17744#17743 2>&1").c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::string out;
+  char line[512];
+  bool paused = false;
+  while (std::fgets(line, sizeof line, p) != nullptr) {
+    out += line;
+    if (!paused && std::string(line).rfind("link ", 0) == 0) {
+      sim.pause(); // the first screen is up: the controller stops
+      paused = true;
+    }
+  }
+  const int status = pclose(p);
+  EXPECT_TRUE(paused) << out;
+  EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 1) << out;
+  EXPECT_NE(out.find("kalo-monitor: the controller stopped answering: no state frame for 1.0 s"),
+            std::string::npos)
+      << out;
+}

@@ -3,6 +3,7 @@ verdict that matches its checks, in text and in parseable JSON, and measures
 a link to kalo-sim."""
 import json
 import os
+import signal
 import socket
 import subprocess
 import sys
@@ -54,10 +55,43 @@ class KaloDoctor(unittest.TestCase):
             sim.terminate()
             sim.wait()
 
+    def test_a_link_that_stalls_fails_and_says_why(self):
+        cases = [  # kalo-sim's options, stop it for 0.6 s meanwhile, what the check says
+            ([], True, "the controller fell silent 1 time(s)"),
+            (["--drop", "0.3"], False, "frame rate well below the controller's "),
+        ]
+        for options, stop, expected in cases:
+            with self.subTest(options=options, stop=stop):
+                port = free_udp_port()
+                sim = subprocess.Popen([SIM, "--port", str(port), "--duration", "30", "-q",
+                                        *options])
+                try:
+                    time.sleep(0.3)
+                    doc = subprocess.Popen([DOCTOR, "--seconds", "1.5", f"127.0.0.1#{port}"],
+                                           stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                           text=True)
+                    for line in doc.stderr:
+                        if line.startswith("measuring the link"):
+                            break
+                    if stop:
+                        time.sleep(0.2)
+                        sim.send_signal(signal.SIGSTOP)  # the controller stops sending
+                        time.sleep(0.6)
+                        sim.send_signal(signal.SIGCONT)
+                    out, _ = doc.communicate(timeout=60)
+                finally:
+                    sim.kill()
+                    sim.wait()
+                self.assertEqual(doc.returncode, 1, out)
+                link = [l for l in out.splitlines() if "link to the controller" in l][0]
+                self.assertTrue(link.startswith("[FAIL]"), out)
+                self.assertIn(expected, link)
+
     def test_an_unreachable_controller_fails_the_link_check_only(self):
         checks = self.check_report(doctor("--json", f"127.0.0.1#{free_udp_port()}"),
                                    MACHINE_CHECKS + ["link to the controller"])
         self.assertEqual(checks["link to the controller"]["status"], "fail")
+        self.assertIn("no state frame from 127.0.0.1:", checks["link to the controller"]["detail"])
         text = doctor()
         self.assertIn(text.returncode, (0, 1))
         self.assertIn("verdict: ", text.stdout)
