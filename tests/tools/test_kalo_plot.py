@@ -53,11 +53,25 @@ class KaloPlot(unittest.TestCase):
             "0.0021,in,,1=5;14=0.02 0 0 0 0 0 1;16=1 2 3 0 0 0",
             "0.003,out,,1=3000;14=0.03 0 0 0 0 0 1",
         ])
-        cases = [(recording, "session.png", b"\x89PNG"), (recording, "session.svg", b"<?xml"),
-                 (trace, "trace.png", b"\x89PNG")]
-        for source, output, magic in cases:
-            result = self.run_plot(source, self.path(output))
+        rows = recording_rows()
+        infinite = [r.replace(",1000,", ",inf,", 1) for r in rows[:100]]  # interarrival_us
+        infinite += [",".join(r.split(",")[:20] + ["-inf"] + r.split(",")[21:]) for r in rows[100:]]
+        cut = self.write("cut.csv", [HEADER] + rows)  # stopped mid-row: no line end
+        with open(cut, "a") as f:
+            f.write(rows[0][:25])
+        cases = [  # input, output, extra arguments, the output's first bytes, a note expected
+            (recording, "session.png", [], b"\x89PNG", ""),
+            (recording, "session.svg", [], b"<?xml", ""),
+            (trace, "trace.png", [], b"\x89PNG", ""),
+            (cut, "cut.png", [], b"\x89PNG", "cut.csv:302: the last row is cut short; left out"),
+            (self.write("inf.csv", [HEADER] + infinite), "inf.png",
+             ["--title", "cost $x^$ and $\\frac{a}$"], b"\x89PNG", ""),  # plain text
+        ]
+        for source, output, extra, magic, expected_note in cases:
+            result = self.run_plot(source, self.path(output), *extra)
             self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertIn(expected_note, result.stderr)
+            self.assertNotIn("Traceback", result.stderr)
             with open(self.path(output), "rb") as f:
                 self.assertEqual(f.read(len(magic)), magic, output)
 
@@ -70,13 +84,23 @@ class KaloPlot(unittest.TestCase):
             "text.csv": [HEADER] + [r.replace("0.001,", "abc,", 1) for r in recording_rows(3)],
             "no_rows.csv": [HEADER],
             "bad_trace.csv": ["time_s,direction,note,fields", "0.1,out,,14=x y z"],
+            "long_field.csv": [HEADER] + recording_rows(3) + ["1" * 200000],
         }
         for name, lines in cases.items():
             source = self.path(name) if lines is None else self.write(name, lines)
             result = self.run_plot(source, self.path("out.png"))
             self.assertEqual(result.returncode, 1, name)
             self.assertTrue(result.stderr.startswith("kalo-plot: "), (name, result.stderr))
-            self.assertNotIn("Traceback", result.stderr, name)
+            self.assertEqual(len(result.stderr.splitlines()), 1, (name, result.stderr))
+        # An output that cannot be written is an error too.
+        full = self.path("full.png")
+        os.symlink("/dev/full", full)
+        good = self.write("good.csv", [HEADER] + recording_rows(30))
+        for output, reason in ((full, "No space left on device"),
+                               (self.path("no-dir/out.png"), "No such file or directory")):
+            result = self.run_plot(good, output)
+            self.assertEqual(result.returncode, 1, output)
+            self.assertEqual(result.stderr, f"kalo-plot: cannot write {output}: {reason}\n")
         self.assertEqual(self.run_plot(self.path("x.csv"), self.path("out.pdf")).returncode, 2)
 
 
