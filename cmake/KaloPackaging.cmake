@@ -49,9 +49,12 @@ pkg-config file kalo.pc, and the examples' sources.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kalo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${KALO_RUNTIME_PACKAGE} (= ${KALO_DEB_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3-matplotlib")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "kalo controller simulator and tools
 kalo-sim behaves like the arm's controller on the wire, with fault
-injection; kalo-monitor shows a device's live state and link health.")
+injection; kalo-monitor shows a device's live state and link health;
+kalo-doctor checks a machine and a link for a 1 kHz loop; kalo-plot
+draws a session recording (with python3-matplotlib).")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kalo)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)

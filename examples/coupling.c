@@ -10,13 +10,17 @@
  *
  * A status line shows the time, the handle's and the object's x, y, z, the
  * coupling force, and how many periodic calls came late. Given a file name,
- * the session is also recorded there (kalo-plot draws it).
+ * the session is also recorded there (kalo-plot draws it). Ctrl-C ends the
+ * run early the same clean way: the loop stops, the recording is completed
+ * and the connection closed (a second Ctrl-C kills the program).
  */
-#define _POSIX_C_SOURCE 200112L
+#define _POSIX_C_SOURCE 200809L
 #include <math.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 #include "kalo/kalo.h"
@@ -42,6 +46,13 @@ struct scene {
   int32_t last_error;
   double last_call;
 };
+
+static volatile sig_atomic_t interrupted = 0;
+
+static void on_interrupt(int sig) {
+  (void)sig;
+  interrupted = 1;
+}
 
 static double now_s(void) {
   struct timespec t;
@@ -90,9 +101,12 @@ static void tick(KaloContext *arm, void *user_data) {
   pthread_mutex_unlock(&s->lock);
 }
 
+/* The error, with what the library had to say beyond its code. */
 static int fail(KaloContext *arm, const char *what) {
   int32_t code = arm != NULL ? kaloGetErrorCode(arm) : kaloGlobalError;
-  fprintf(stderr, "%s failed: %s (%d)\n", what, kaloGetErrorMessage(code), (int)code);
+  const char *detail = kaloExtLastErrorDetail();
+  fprintf(stderr, "%s failed: %s (%d)%s%s\n", what, kaloGetErrorMessage(code), (int)code,
+          detail[0] ? ": " : "", detail);
   if (arm != NULL)
     kaloClose(arm);
   return 1;
@@ -109,6 +123,8 @@ int main(int argc, char **argv) {
   float period = PERIOD, force[6];
   struct scene s = {0};
   struct timespec pause = {0, 100000000L};
+  struct sigaction on_ctrl_c;
+  sigset_t stop_signals;
   double start, elapsed = 0;
   unsigned long failures;
   KaloContext *arm;
@@ -119,6 +135,20 @@ int main(int argc, char **argv) {
     return 2;
   }
   pthread_mutex_init(&s.lock, NULL);
+  /* Ctrl-C (or a TERM) ends the run as its time would; the handler only sets
+   * a flag, and the main thread shuts down in order. The library's threads
+   * inherit the signal mask of the thread that starts them: with the two
+   * signals blocked until the loop runs, only this thread ever takes them. */
+  memset(&on_ctrl_c, 0, sizeof on_ctrl_c);
+  on_ctrl_c.sa_handler = on_interrupt;
+  on_ctrl_c.sa_flags = SA_RESETHAND;
+  sigemptyset(&on_ctrl_c.sa_mask);
+  sigaction(SIGINT, &on_ctrl_c, NULL);
+  sigaction(SIGTERM, &on_ctrl_c, NULL);
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, NULL);
   printf("opening %s\n", url);
   arm = kaloOpen(url);
   if (arm == NULL)
@@ -144,9 +174,10 @@ int main(int argc, char **argv) {
     return fail(arm, "starting the periodic loop");
   printf("object of %.2f kg coupled to the arm, wall at x = %.3f m; running %.1f s\n",
          (double)OBJECT_MASS, WALL_X, seconds);
+  pthread_sigmask(SIG_UNBLOCK, &stop_signals, NULL);
 
   start = now_s();
-  while (elapsed < seconds) {
+  while (elapsed < seconds && !interrupted) {
     nanosleep(&pause, NULL);
     elapsed = now_s() - start;
     pthread_mutex_lock(&s.lock);
@@ -158,7 +189,7 @@ int main(int argc, char **argv) {
     pthread_mutex_unlock(&s.lock);
     fflush(stdout);
   }
-  printf("\n");
+  printf("\n%s", interrupted ? "interrupted: stopping\n" : "");
   kaloStopLoop(arm);
   if (recording != NULL) {
     int32_t dropped = kaloExtStopRecording(arm);

@@ -1,14 +1,25 @@
 /* First contact with an arm's controller: open the connection, ask for the
  * versions, let the library call a 1 ms periodic function for two seconds
- * while printing a status line, then close.
+ * while printing a status line, then close. Ctrl-C closes early, as cleanly.
  *
  *   first_contact [URL]      (default udpxdr://127.0.0.1#5000, where kalo-sim listens)
  */
-#define _POSIX_C_SOURCE 199309L
+#define _POSIX_C_SOURCE 200809L
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <time.h>
 
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
+
+static volatile sig_atomic_t interrupted = 0;
+
+static void on_interrupt(int sig) {
+  (void)sig;
+  interrupted = 1;
+}
 
 /* Counts the calls the library makes; runs on the library's loop thread. */
 static void tick(KaloContext *context, void *user_data) {
@@ -16,9 +27,12 @@ static void tick(KaloContext *context, void *user_data) {
   ++*(volatile unsigned long *)user_data;
 }
 
+/* The error, with what the library had to say beyond its code. */
 static void report_failure(KaloContext *context, const char *what) {
   int32_t code = kaloGetErrorCode(context);
-  fprintf(stderr, "%s failed: %s (%d)\n", what, kaloGetErrorMessage(code), (int)code);
+  const char *detail = kaloExtLastErrorDetail();
+  fprintf(stderr, "%s failed: %s (%d)%s%s\n", what, kaloGetErrorMessage(code), (int)code,
+          detail[0] ? ": " : "", detail);
 }
 
 int main(int argc, char **argv) {
@@ -27,8 +41,22 @@ int main(int argc, char **argv) {
   volatile unsigned long calls = 0;
   float period = 0.001f;
   struct timespec pause = {0, 250000000L};
+  struct sigaction on_ctrl_c;
+  sigset_t stop_signals;
   KaloContext *arm;
   int i;
+
+  /* Ctrl-C ends the wait early; the handler only sets a flag. The library's
+   * threads inherit the signal mask of the thread that starts them: with the
+   * signal blocked until the loop runs, only this thread ever takes it. */
+  memset(&on_ctrl_c, 0, sizeof on_ctrl_c);
+  on_ctrl_c.sa_handler = on_interrupt;
+  on_ctrl_c.sa_flags = SA_RESETHAND; /* a second Ctrl-C kills */
+  sigemptyset(&on_ctrl_c.sa_mask);
+  sigaction(SIGINT, &on_ctrl_c, NULL);
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, NULL);
 
   kaloAPIVersion(&api_major, &api_minor);
   printf("kalo %d.%d: opening %s\n", (int)api_major, (int)api_minor, url);
@@ -48,7 +76,8 @@ int main(int argc, char **argv) {
     return 1;
   }
   printf("periodic function every %.4f s\n", (double)period);
-  for (i = 1; i <= 8; ++i) {
+  pthread_sigmask(SIG_UNBLOCK, &stop_signals, NULL);
+  for (i = 1; i <= 8 && !interrupted; ++i) {
     nanosleep(&pause, NULL);
     printf("\rt = %4.2f s   periodic calls = %6lu", 0.25 * i, (unsigned long)calls);
     fflush(stdout);
@@ -59,6 +88,6 @@ int main(int argc, char **argv) {
     report_failure(NULL, "kaloClose");
     return 1;
   }
-  printf("closed: %lu periodic calls in 2 s\n", (unsigned long)calls);
+  printf("closed: %lu periodic calls in %.2f s\n", (unsigned long)calls, 0.25 * (i - 1));
   return calls > 0 ? 0 : 1;
 }

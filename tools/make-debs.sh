@@ -52,7 +52,8 @@ check libkalo-dev files '\./usr/include/kalo/kalo\.h' '\./usr/include/kalo/kalo_
   "$lib/cmake/kalo/kaloTargets\.cmake" "$lib/pkgconfig/kalo\.pc" \
   '\./usr/share/doc/kalo/examples/first_contact\.c' '\./usr/share/doc/kalo/examples/coupling\.c'
 check libkalo-dev Depends "libkalo$major \(= $version-[0-9]+\)" 'libtirpc-dev'
-check kalo-tools files '\./usr/bin/kalo-sim' '\./usr/bin/kalo-monitor'
+check kalo-tools files '\./usr/bin/kalo-sim' '\./usr/bin/kalo-monitor' '\./usr/bin/kalo-doctor' \
+  '\./usr/bin/kalo-plot'
 check kalo-tools Depends "libkalo$major \(= $version-[0-9]+\)"
 if compgen -G "$build/packages/python3-kalo_*.deb" >/dev/null; then
   check python3-kalo Depends "libkalo$major \(= $version-[0-9]+\)" 'python3-numpy'
