@@ -264,7 +264,8 @@ typedef struct KaloExtPassivity {
  *  @return 0, or -1 with KALO_ERROR_INCORRECT_VALUE in kaloGlobalError for a
  *          NULL record, a size below sizeof(KaloExtPassivity), a time step
  *          that is not finite and positive, or a cap that is negative or not
- *          finite (the record is then left as it was). */
+ *          finite (the record is then left as it was); kaloExtLastErrorDetail()
+ *          says which. */
 KALO_API int32_t kaloExtPassivityInit(KaloExtPassivity *passivity, double time_step,
                                       double linear_damping_cap, double angular_damping_cap);
 

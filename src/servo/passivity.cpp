@@ -22,6 +22,7 @@
 
 #include "kalo/kalo.h"
 #include "kalo/kalo_ext.h"
+#include "protocol/error_detail.h"
 
 namespace {
 
@@ -54,9 +55,21 @@ float to_float(double x) {
   return static_cast<float>(x);
 }
 
-int32_t refuse() {
+int32_t refuse(const char *why) {
   kaloGlobalError = KALO_ERROR_INCORRECT_VALUE;
+  kalo::set_error_detail("passivity: %s", why);
   return -1;
+}
+
+// Why a record cannot be used, or nullptr when it can.
+const char *unusable(const KaloExtPassivity *p) {
+  if (p == nullptr)
+    return "no record";
+  if (p->size < sizeof(KaloExtPassivity))
+    return "the record's size is below sizeof(KaloExtPassivity)";
+  if (!ready(p))
+    return "the record was not prepared by kaloExtPassivityInit";
+  return nullptr;
 }
 
 } // namespace
@@ -65,10 +78,15 @@ extern "C" {
 
 int32_t kaloExtPassivityInit(KaloExtPassivity *passivity, double time_step,
                              double linear_damping_cap, double angular_damping_cap) {
-  if (passivity == nullptr || passivity->size < sizeof(KaloExtPassivity) ||
-      !std::isfinite(time_step) || !(time_step > 0.0) || !finite_nonnegative(linear_damping_cap) ||
-      !finite_nonnegative(angular_damping_cap))
-    return refuse();
+  kalo::clear_error_detail();
+  if (passivity == nullptr)
+    return refuse("no record");
+  if (passivity->size < sizeof(KaloExtPassivity))
+    return refuse("the record's size is below sizeof(KaloExtPassivity)");
+  if (!std::isfinite(time_step) || !(time_step > 0.0))
+    return refuse("the time step must be finite and positive");
+  if (!finite_nonnegative(linear_damping_cap) || !finite_nonnegative(angular_damping_cap))
+    return refuse("the damping caps must be finite and 0 or more");
   KaloExtPassivity fresh{};
   fresh.size = passivity->size;
   fresh.time_step = time_step;
@@ -79,8 +97,11 @@ int32_t kaloExtPassivityInit(KaloExtPassivity *passivity, double time_step,
 }
 
 int32_t kaloExtPassivitySetSupply(KaloExtPassivity *passivity, double energy) {
-  if (!ready(passivity) || !finite_nonnegative(energy))
-    return refuse();
+  kalo::clear_error_detail();
+  if (const char *why = unusable(passivity))
+    return refuse(why);
+  if (!finite_nonnegative(energy))
+    return refuse("the supply must be a finite energy, 0 or more");
   if (energy > passivity->supply)
     passivity->supply = energy;
   passivity->two_port = 1;
@@ -89,12 +110,17 @@ int32_t kaloExtPassivitySetSupply(KaloExtPassivity *passivity, double energy) {
 
 int32_t kaloExtPassivityStep(KaloExtPassivity *passivity, const float force[6],
                              const float velocity[6], double elapsed, float out[6]) {
-  if (!ready(passivity) || force == nullptr || velocity == nullptr || out == nullptr ||
-      !all_finite(force) || !all_finite(velocity)) {
+  kalo::clear_error_detail();
+  const char *why = unusable(passivity);
+  if (why == nullptr && (force == nullptr || velocity == nullptr || out == nullptr))
+    why = "no force, velocity or output array";
+  if (why == nullptr && (!all_finite(force) || !all_finite(velocity)))
+    why = "a force or velocity value is not finite";
+  if (why != nullptr) {
     if (out != nullptr) // nothing to apply rather than a force from bad numbers
       for (int k = 0; k < 6; ++k)
         out[k] = 0.0f;
-    return refuse();
+    return refuse(why);
   }
   KaloExtPassivity &p = *passivity;
   const double dt = std::isfinite(elapsed) && elapsed > 0.0 ? elapsed : p.time_step;

@@ -171,6 +171,9 @@ TEST(Passivity, RefusesWhatItCannotUse) {
     EXPECT_EQ(kaloExtPassivityInit(&p, bad.time_step, bad.linear_cap, bad.angular_cap), -1);
     EXPECT_EQ(kaloGlobalError, KALO_ERROR_INCORRECT_VALUE);
     EXPECT_EQ(p.time_step, 0.0) << "left as it was";
+    EXPECT_NE(std::string(kaloExtLastErrorDetail()).find(bad.time_step == kT ? "cap" : "time step"),
+              std::string::npos)
+        << kaloExtLastErrorDetail();
   }
   KaloExtPassivity small{};
   small.size = sizeof small - 8;
