@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <string>
 
 #include "kalo/kalo.h"
 #include "kalo/kalo_ext.h"
@@ -57,7 +58,7 @@ float to_float(double x) {
 
 int32_t refuse(const char *why) {
   kaloGlobalError = KALO_ERROR_INCORRECT_VALUE;
-  kalo::set_error_detail("passivity: %s", why);
+  kalo::set_error_detail(std::string("passivity: ") + why);
   return -1;
 }
 
