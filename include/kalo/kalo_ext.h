@@ -74,6 +74,9 @@ typedef struct KaloExtLinkStatistics {
   uint64_t recording_rows;         /**< rows written by the current or last recording */
   uint64_t recording_rows_dropped; /**< rows not in the file: the writer fell behind, or a
                                         write failed (then every row after it) */
+  /** times the link took the controller's frames from a new source port after
+   *  a silence (KALO_EXT_EVENT_LINK_RELOCKED) */
+  uint64_t link_relocks;
 } KaloExtLinkStatistics;
 
 /** Reads the telemetry of a connection. Works on a connection that failed
@@ -149,6 +152,12 @@ KALO_API int32_t kaloExtStopRecording(KaloContext *context);
 #define KALO_EXT_EVENT_FOREIGN_DATAGRAM 4
 /** A command frame could not be sent; the link is dropped: value is errno. */
 #define KALO_EXT_EVENT_SEND_FAILED 5
+/** After a silence of 0.5 s (the hello-resend time) the controller's frames
+ *  came from a new source port of its address, as from a restarted
+ *  controller; the link took that port (value and threshold 0; the count is
+ *  KaloExtLinkStatistics.link_relocks). While frames flow, datagrams from any
+ *  other port are dropped as foreign. */
+#define KALO_EXT_EVENT_LINK_RELOCKED 7
 /** A write to the recording's file failed and ended the recording: value is
  *  errno (ENOSPC for a full disk), threshold 0. */
 #define KALO_EXT_EVENT_RECORDING_FAILED 8

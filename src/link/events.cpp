@@ -133,6 +133,8 @@ const char *kaloExtEventName(uint32_t kind) {
     return "foreign datagram";
   case KALO_EXT_EVENT_SEND_FAILED:
     return "send failed";
+  case KALO_EXT_EVENT_LINK_RELOCKED:
+    return "link relocked";
   case KALO_EXT_EVENT_RECORDING_FAILED:
     return "recording failed";
   default:

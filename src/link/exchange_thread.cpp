@@ -7,13 +7,18 @@
 //
 // A controller that falls silent is sent the hello again every 0.5 s until
 // its frames resume, so that a restarted controller takes the client back.
+// After such a silence the link also re-locks: a well-formed frame from the
+// controller's address is taken even from a new source port (a restarted
+// controller may send from another one), and that port is the controller's
+// from then on. While frames flow, datagrams from any other port are dropped.
 //
 // Lifetime: the thread is never cancelled. It ends by itself when kaloClose
 // sets backend_stop (the receive has a time-out, so a silent controller cannot
-// hold it) or when a send fails, and its very last access to the context is
-// the post of backend_exited, for which kaloClose waits before freeing
-// anything. A failed send therefore leaves a context that is merely
-// disconnected: every later call gets code 2 and kaloClose releases it all.
+// hold it) or when a send fails; it posts backend_exited, for which kaloClose
+// waits, and its very last access to the context lets go of its hold on it
+// (kalo::let_go), so the context outlives the thread whatever the close did. A failed send
+// therefore leaves a context that is merely disconnected: every later call gets code 2 and
+// kaloClose releases it all.
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
@@ -113,9 +118,10 @@ void tick_loop(KaloContext *ctx) {
   }
 }
 
-// Ends the thread: the post is the thread's last access to the context.
+// Ends the thread: letting go is the thread's last access to the context.
 void *finish(KaloContext *ctx, intptr_t result) {
   TR_poster_semaphore(ctx->link.backend_exited);
+  kalo::let_go(ctx);
   return reinterpret_cast<void *>(result); // NOLINT(performance-no-int-to-ptr): pthread result
 }
 
@@ -153,9 +159,13 @@ void *_backendThread(void *context) {
   for (;;) {
     errno = 0;
     kalo::Arrival arrival = kalo::Arrival::nothing;
-    const int received = kalo::receive_frame(ctx->link.session, frame,
-                                             static_cast<int>(kalo::kFrameCapacity), &arrival);
-    if (arrival == kalo::Arrival::foreign) {
+    const bool may_relock = getTime(ctx) - last_heard >= kSilenceUs;
+    const int received = kalo::receive_frame(
+        ctx->link.session, frame, static_cast<int>(kalo::kFrameCapacity), &arrival, may_relock);
+    if (arrival == kalo::Arrival::relocked) {
+      kalo::count_one(ctx->link.link_counters.relocks);
+      kalo::record_event(ctx, KALO_EXT_EVENT_LINK_RELOCKED, 0, 0);
+    } else if (arrival == kalo::Arrival::foreign) {
       kalo::count_one(ctx->link.link_counters.frames_foreign);
       kalo::record_event(ctx, KALO_EXT_EVENT_FOREIGN_DATAGRAM, 0, 0);
     } else if (arrival == kalo::Arrival::malformed)
@@ -186,7 +196,8 @@ void *_backendThread(void *context) {
                                                          std::memory_order_relaxed);
         ctx->link.frames_received++;
         ctx->link.watchdog_counter++;
-        ctx->link.frame_received = 1;
+        if (ctx->link.frame_received.exchange(1) == 0)
+          TR_poster_semaphore(ctx->link.first_frame_sem); // kaloOpen waits for it
         kalo::telemetry_state_frame(ctx);
       }
       tick_loop(ctx);
@@ -215,6 +226,8 @@ void *_backendThread(void *context) {
           pending_request = cmd.request;
         sent = send_marked_fields(ctx, frame);
         ctx->link.frames_sent++;
+        if (ctx->link.sent_watched.load() != 0)
+          TR_poster_semaphore(ctx->link.frame_sent_sem);
       }
       kalo::telemetry_cycle_end(ctx, sent == SendResult::sent);
       // While the controller is silent (perhaps restarting, its port

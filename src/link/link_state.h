@@ -23,6 +23,12 @@ struct LinkState {
   std::atomic<uint32_t> backend_stop;
   TR_TACHE *backend_task;
   TR_SEMAPHORE *backend_exited; // posted once when the exchange thread ends
+  // What open and close wait for instead of sleeping: the controller's first
+  // state frame (posted once), and each command frame sent while a waiter
+  // watches (see kalo::wait_marks_sent).
+  TR_SEMAPHORE *first_frame_sem;
+  TR_SEMAPHORE *frame_sent_sem;
+  std::atomic<uint32_t> sent_watched;
 
   // ---- exchange records
   ExchangeRecord command_record; // library to controller

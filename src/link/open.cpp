@@ -11,6 +11,7 @@
 #include "link/lifecycle.h"
 #include "link/url.h"
 #include "protocol/error_detail.h"
+#include "realtime/timed_wait.h"
 #include "kalo/kalo.h"
 #include "kalo/kalo_internal.h"
 #include "kalo/kalo_math.h"
@@ -112,10 +113,13 @@ bool create_semaphores(KaloContext *ctx) {
   ctx->link.upper_bound_sem = TR_creer_semaphore_synchro();
   ctx->link.backend_exited = TR_creer_semaphore_synchro();
   ctx->loop.loop_exited = TR_creer_semaphore_synchro();
+  ctx->link.first_frame_sem = TR_creer_semaphore_synchro();
+  ctx->link.frame_sent_sem = TR_creer_semaphore_synchro();
   return ctx->lock != nullptr && ctx->link.reply_sem != nullptr && ctx->loop.loop_sem != nullptr &&
          ctx->link.traj_sample_sem != nullptr && ctx->link.button_sem != nullptr &&
          ctx->link.upper_bound_sem != nullptr && ctx->link.backend_exited != nullptr &&
-         ctx->loop.loop_exited != nullptr;
+         ctx->loop.loop_exited != nullptr && ctx->link.first_frame_sem != nullptr &&
+         ctx->link.frame_sent_sem != nullptr;
 }
 
 // The per-control-point arrays, sized for the controller's count.
@@ -159,6 +163,7 @@ KaloContext *kaloOpen(const char *url) {
   ctx->error_code = KALO_NO_ERROR;
   ctx->params.output_stream = stdout;
   ctx->link.session = -1;
+  ctx->lifetime.holders = 1; // the application's, until kaloClose
 
   kalo::ConnectionUrl parsed;
   std::string why;
@@ -186,13 +191,18 @@ KaloContext *kaloOpen(const char *url) {
   init_filtres(ctx);
 
   ctx->link.backend_stop = 0;
+  kalo::hold(ctx); // the exchange thread's
   ctx->link.backend_task = TR_creer_tache("SYNC", kalo::kTaskPriorityOffset,
                                           kalo::kBackendStackSize, _backendThread, ctx);
-  if (ctx->link.backend_task == nullptr)
+  if (ctx->link.backend_task == nullptr) {
+    ctx->lifetime.holders.fetch_sub(1);
     return abandon_open(ctx, KALO_ERROR_OUT_OF_MEMORY);
+  }
 
-  TR_delai(1.0);
-  const bool heard = ctx->link.frame_received.load() != 0;
+  // The controller answers the hello with its stream: go on at its first
+  // state frame, give up after 1 s without one.
+  const bool heard = kalo::wait_posted(ctx->link.first_frame_sem, kalo::kFirstFrameLimitMs) ||
+                     ctx->link.frame_received.load() != 0;
   ctx->link.connected = 1;
   if (!heard) {
     const std::string silent = kalo::no_state_frame_detail(session, 1.0);
@@ -213,9 +223,9 @@ KaloContext *kaloOpen(const char *url) {
   // The handshake's results are not checked: a controller that does not
   // answer leaves the defaults (version 2.6) and the connection is still given.
   // A lost reply is asked again, so that one lost frame does not leave the
-  // defaults for the whole connection.
+  // defaults for the whole connection. Each query goes on at its reply.
   kaloDetachVO(ctx);
-  TR_delai(0.1);
+  kalo::wait_marks_sent(ctx, kalo::kOpenDetachSentLimitMs);
   kaloGetNumberOfAxes(ctx);
   for (int attempt = 0; attempt < kHandshakeAttempts && getMaxSpeed(ctx) != 0; ++attempt) {
   }

@@ -4,13 +4,16 @@
 //
 // Lifetime: a loop thread is never cancelled. kaloStopLoop clears the loop's
 // handle and wakes the thread, which sees that it is no longer the loop and
-// ends after its current call, posting loop_exited as its last access to the
-// context. The stopped handle waits in loop_task_finishing until somebody
-// other than the loop thread itself has seen that post and freed it: the stop
-// itself, or failing that (a function that stopped its own loop) the next
-// start, stop or close. So no call of the function runs after kaloStopLoop
-// has returned on another thread, and kaloClose never frees a context under a
-// running periodic function.
+// ends after its current call, posting loop_exited and letting go of its hold
+// on the context as its last accesses. The stopped handle waits in
+// loop_task_finishing until somebody other than the loop thread itself has
+// seen that post and freed it: the stop itself, or failing that (a function
+// that stopped its own loop, or a call longer than the stop's limit) the next
+// start, stop or close. kaloStopLoop waits at most 1 s for the current call:
+// the function is never called again once it has returned, and a call that
+// outlasts the wait ends on its own. kaloClose never frees a context under a
+// running periodic function: the loop thread's hold keeps it until the call
+// has returned.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -35,26 +38,30 @@ bool is_thread_of(const TR_TACHE *task) {
   return task != nullptr && pthread_equal(task->thread, pthread_self());
 }
 
-// Waits for a stopped loop thread to end and frees its handle. Not on that
-// thread. Returns with the lock held when it was held on entry.
-void reap_finishing_loop(KaloContext *ctx) {
+} // namespace
+
+namespace kalo {
+
+bool reap_stopped_loop(KaloContext *ctx, int limit_ms) {
+  const Deadline limit(limit_ms);
   for (;;) {
     TR_TACHE *finishing;
     {
       ContextLock hold(ctx);
       finishing = ctx->loop.loop_task_finishing;
       if (finishing == nullptr || is_thread_of(finishing))
-        return;
+        return true;
       ctx->loop.loop_task_finishing = nullptr;
     }
-    TR_attendre_semaphore(ctx->loop.loop_exited);
-    kalo::release_task_handle(finishing);
+    if (!wait_posted(ctx->loop.loop_exited, limit.left_ms())) {
+      // Still in its call: the next start, stop or close waits for it again.
+      ContextLock hold(ctx);
+      ctx->loop.loop_task_finishing = finishing;
+      return false;
+    }
+    release_task_handle(finishing);
   }
 }
-
-} // namespace
-
-namespace kalo {
 
 void release_task_handle(TR_TACHE *task) {
   if (task == nullptr)
@@ -63,7 +70,7 @@ void release_task_handle(TR_TACHE *task) {
   std::free(task);
 }
 
-bool stop_loop(KaloContext *ctx) {
+LoopStop stop_loop(KaloContext *ctx, int limit_ms) {
   bool on_loop_thread;
   {
     ContextLock hold(ctx);
@@ -77,9 +84,9 @@ bool stop_loop(KaloContext *ctx) {
     TR_poster_semaphore(ctx->loop.loop_sem);
     on_loop_thread = is_thread_of(ctx->loop.loop_task_finishing);
   }
-  if (!on_loop_thread)
-    reap_finishing_loop(ctx);
-  return on_loop_thread;
+  if (on_loop_thread)
+    return LoopStop::on_loop_thread;
+  return reap_stopped_loop(ctx, limit_ms) ? LoopStop::ended : LoopStop::still_running;
 }
 
 void mark_closed_by_loop_thread(KaloContext *ctx) {
@@ -112,8 +119,9 @@ int32_t kaloStartLoop(KaloContext *context) {
   if (!kalo::enter(context))
     return -1;
   KaloContext *ctx = context;
-  // A loop stopped from its own function may still be ending its last call.
-  reap_finishing_loop(ctx);
+  // A loop stopped from its own function may still be ending its last call;
+  // one that is still in it after the limit counts as a loop that exists.
+  const bool earlier_loop_ended = kalo::reap_stopped_loop(ctx, kalo::kStopLoopCallLimitMs);
   int code = KALO_NO_ERROR;
   {
     ContextLock hold(ctx);
@@ -121,7 +129,7 @@ int32_t kaloStartLoop(KaloContext *context) {
       code = KALO_ERROR_NO_PERIODIC_FUNCTION;
     } else {
       ctx->loop.loop_running = 1;
-      if (ctx->loop.loop_task != nullptr) {
+      if (ctx->loop.loop_task != nullptr || !earlier_loop_ended) {
         code = KALO_ERROR_LOOP_ALREADY_STARTED;
       } else if (is_thread_of(ctx->loop.loop_task_finishing)) {
         // The function stopped and restarts its own loop: this thread goes on.
@@ -132,9 +140,11 @@ int32_t kaloStartLoop(KaloContext *context) {
         kalo::drain(ctx->loop.loop_sem);
         // The new thread reads its own handle under the lock held here, so it
         // sees the identifier that the creation stores.
+        kalo::hold(ctx);
         ctx->loop.loop_task =
             TR_creer_tache("LOOP", kalo::kTaskPriorityOffset, kalo::kLoopStackSize, _kaloLoop, ctx);
         if (ctx->loop.loop_task == nullptr) {
+          ctx->lifetime.holders.fetch_sub(1);
           ctx->loop.loop_running = 0;
           code = KALO_ERROR_OUT_OF_MEMORY;
         }
@@ -151,7 +161,7 @@ int32_t kaloStartLoop(KaloContext *context) {
 int32_t kaloStopLoop(KaloContext *context) {
   if (!kalo::enter(context))
     return -1;
-  kalo::stop_loop(context);
+  kalo::stop_loop(context, kalo::kStopLoopCallLimitMs);
   return 0;
 }
 
@@ -205,7 +215,8 @@ void *_kaloLoop(void *context) {
     }
     kalo::telemetry_periodic_call(ctx, start, duration, ctx->loop.loop_overrun.load() != 0);
   }
-  TR_poster_semaphore(ctx->loop.loop_exited); // last access to the context
+  TR_poster_semaphore(ctx->loop.loop_exited);
+  kalo::let_go(ctx); // last access to the context
   return nullptr;
 }
 

@@ -171,11 +171,13 @@ namespace {
 
 using kalo::Telemetry;
 
+constexpr int kLinkCounts = 6;
+
 uint64_t link_value(const KaloContext *ctx, int k) {
   const kalo::LinkCounters &l = ctx->link.link_counters;
-  const std::atomic<uint64_t> *v[5] = {&l.frames_malformed, &l.frames_foreign,
-                                       &l.frames_dropped_for_size, &l.items_rejected,
-                                       &l.hellos_resent};
+  const std::atomic<uint64_t> *v[kLinkCounts] = {&l.frames_malformed,        &l.frames_foreign,
+                                                 &l.frames_dropped_for_size, &l.items_rejected,
+                                                 &l.hellos_resent,           &l.relocks};
   return v[k]->load(std::memory_order_relaxed);
 }
 
@@ -189,8 +191,8 @@ void fill(KaloContext *ctx, KaloExtLinkStatistics *s) {
   uint64_t c[kalo::kCountKinds];
   for (int k = 0; k < kalo::kCountKinds; ++k)
     c[k] = kalo::since(t.counts[k].load(std::memory_order_relaxed), t.count_base[k]);
-  uint64_t link[5];
-  for (int k = 0; k < 5; ++k)
+  uint64_t link[kLinkCounts];
+  for (int k = 0; k < kLinkCounts; ++k)
     link[k] = kalo::since(link_value(ctx, k), t.link_baseline[k]);
 
   s->version = 1;
@@ -246,6 +248,7 @@ void fill(KaloContext *ctx, KaloExtLinkStatistics *s) {
   s->reserved = 0;
   s->recording_rows = t.recording_rows.load(std::memory_order_relaxed);
   s->recording_rows_dropped = t.recording_dropped.load(std::memory_order_relaxed);
+  s->link_relocks = link[5];
   // Called under recording_mutex: a running recorder cannot be freed meanwhile.
   if (const kalo::Recorder *r = t.recorder.load(std::memory_order_relaxed); r != nullptr) {
     s->recording_rows = r->rows();
@@ -289,7 +292,7 @@ int32_t kaloExtResetLinkStatistics(KaloContext *context) {
     t.count_base[k] = t.counts[k].load(std::memory_order_relaxed);
   for (int b = 0; b < kalo::kHistogramBins; ++b)
     t.histogram_base[b] = t.histogram[b].load(std::memory_order_relaxed);
-  for (int k = 0; k < 5; ++k)
+  for (int k = 0; k < kLinkCounts; ++k)
     t.link_baseline[k] = link_value(context, k);
   // Maxima start again from the next frame or call. A writer storing a new
   // maximum at this very moment may keep it: it was measured now.

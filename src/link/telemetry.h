@@ -74,7 +74,7 @@ struct Telemetry {
   std::mutex reader_mutex;
   uint64_t count_base[kCountKinds] = {};
   uint64_t histogram_base[kHistogramBins] = {};
-  uint64_t link_baseline[5] = {}; // malformed, foreign, dropped for size, rejected, hellos
+  uint64_t link_baseline[6] = {}; // malformed, foreign, dropped for size, rejected, hellos, relocks
   std::atomic<uint64_t> since_us;
 
   // The running recording. The exchange thread raises `recorder_busy` before

@@ -18,6 +18,7 @@ struct LinkCounters {
   std::atomic<uint64_t> items_rejected{0};          // items whose count did not fit, skipped
   std::atomic<uint64_t> frames_dropped_for_size{0}; // command frames too large to send
   std::atomic<uint64_t> hellos_resent{0};           // hellos sent again after a silence
+  std::atomic<uint64_t> relocks{0}; // controller's frames taken from a new port after a silence
 };
 
 // One writer per counter: a relaxed increment is enough.

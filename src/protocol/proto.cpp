@@ -56,8 +56,11 @@ void free_buffers(ProtoSession &s) {
 
 // A datagram is the controller's when it comes from the controller's address
 // and, once the first frame has been accepted, from that frame's port.
+bool from_controller_address(const ProtoSession &s, const sockaddr_in &from) {
+  return from.sin_family == AF_INET && from.sin_addr.s_addr == s.peer->sin_addr.s_addr;
+}
 bool from_controller(const ProtoSession &s, const sockaddr_in &from) {
-  return from.sin_family == AF_INET && from.sin_addr.s_addr == s.peer->sin_addr.s_addr &&
+  return from_controller_address(s, from) &&
          (s.controller_port == 0 || from.sin_port == s.controller_port);
 }
 
@@ -69,7 +72,7 @@ namespace kalo {
 // the controller's; other transports deliver what they read. Only the bytes
 // the envelope declares are handed on: a datagram longer than its length
 // field says, or a short read, never exposes the tail of an earlier frame.
-int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival) {
+int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival, bool relock) {
   Arrival ignored;
   Arrival &what = arrival != nullptr ? *arrival : ignored;
   what = Arrival::nothing;
@@ -89,7 +92,8 @@ int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival) {
                                     : s->read_fn(s->fd, s->rx_buffer, room, s->peer);
   if (received < 0)
     return -1;
-  if (check_sender && !from_controller(*s, from)) {
+  if (check_sender && !from_controller(*s, from) &&
+      !(relock && from_controller_address(*s, from))) {
     what = Arrival::foreign;
     errno = EACCES;
     return -1;
@@ -104,9 +108,12 @@ int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival) {
   }
   // length <= received - 6 <= capacity: the whole payload fits.
   std::memcpy(bytes, s->rx_buffer + 4, static_cast<std::size_t>(length));
-  if (check_sender && s->controller_port == 0)
-    s->controller_port = from.sin_port;
   what = Arrival::frame;
+  if (check_sender && s->controller_port != from.sin_port) {
+    if (s->controller_port != 0)
+      what = Arrival::relocked;
+    s->controller_port = from.sin_port;
+  }
   return length;
 }
 

@@ -65,11 +65,16 @@ enum class Arrival {
   nothing,   // no datagram (time-out, or the socket reported an error)
   malformed, // too short, a length beyond the datagram, or a wrong checksum
   foreign,   // from a sender other than the controller: dropped unread
+  relocked,  // a frame from the controller's address on a new port, taken (relock allowed)
 };
 
 // Receives one frame as read_protocol does (same result and errno) and says
-// what came, so the exchange thread can count what it drops.
-int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival);
+// what came, so the exchange thread can count what it drops. With relock, a
+// well-formed frame from the controller's address but another source port is
+// taken, and that port is the controller's from then on: the caller allows it
+// after a silence (a restarted controller may send from a new port), never
+// while frames flow.
+int receive_frame(int handle, void *bytes, int capacity, Arrival *arrival, bool relock = false);
 
 // The controller's address of an open UDP session; false for another handle.
 bool session_peer(int handle, sockaddr_in *peer);

@@ -60,6 +60,28 @@ inline bool wait_posted(TR_SEMAPHORE *s, int ms) {
   }
 }
 
+// One limit shared by several waits in turn, on the monotonic clock.
+class Deadline {
+public:
+  explicit Deadline(int ms) {
+    clock_gettime(CLOCK_MONOTONIC, &end_);
+    const long ns = end_.tv_nsec + static_cast<long>(ms % 1000) * 1000000L;
+    end_.tv_sec += ms / 1000 + ns / 1000000000L;
+    end_.tv_nsec = ns % 1000000000L;
+  }
+  // Milliseconds left, rounded up; 0 once passed.
+  int left_ms() const {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long ns = (static_cast<long long>(end_.tv_sec) - now.tv_sec) * 1000000000LL +
+                         (end_.tv_nsec - now.tv_nsec);
+    return ns <= 0 ? 0 : static_cast<int>((ns + 999999) / 1000000);
+  }
+
+private:
+  timespec end_{};
+};
+
 // Takes one post of s if there is one; never blocks. On false errno tells why
 // (EAGAIN: none pending; EINVAL: NULL).
 inline bool try_take(TR_SEMAPHORE *s) {

@@ -1,9 +1,14 @@
 // Lifetimes: repeated open/close leaves no thread and no heap block behind; a
 // controller that goes silent under the watchdog and a link whose sends fail
-// both turn every call into code 2, and kaloClose still releases everything.
+// both turn every call into code 2, and kaloClose still releases everything;
+// the periodic function's calls during a close are answered, and a function
+// that does not come back (a host's shutdown stopped its thread) holds the
+// close up only for the close's limits.
 #include "core_support.h"
 
 #include "alloc_counter.h"
+
+#include <future>
 
 #include <sys/socket.h>
 
@@ -100,6 +105,78 @@ TEST(CoreLifetime, AFailedSendDisconnectsAndTheApplicationsCloseReleasesEverythi
   link.ctx = nullptr;
   EXPECT_EQ(kaloClose(ctx), -1);
   EXPECT_EQ(kaloGlobalError, KALO_ERROR_COMMUNICATION);
+  link.sim.stop();
+  EXPECT_TRUE(eventually([&] { return thread_count() == threads; }, 1000ms));
+}
+
+// Asks the controller something on every call, as a loop that reads a
+// parameter would; counts the calls that failed.
+struct Asking {
+  std::atomic<int> calls{0};
+  std::atomic<int> failed{0};
+  static void run(KaloContext *ctx, void *self) {
+    auto *s = static_cast<Asking *>(self);
+    int32_t major = 0, minor = 0;
+    if (kaloGetControlerVersion(ctx, &major, &minor) != 0 || major != 6)
+      s->failed++;
+    s->calls++;
+  }
+};
+
+TEST(CoreLifetime, ThePeriodicFunctionsCallsDuringTheCloseAreAnswered) {
+  Link link(sim_config());
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  Asking asking;
+  float period = 0.001f;
+  ASSERT_EQ(kaloSetPeriodicFunction(link.ctx, Asking::run, &period, &asking), 0);
+  ASSERT_EQ(kaloStartLoop(link.ctx), 0);
+  ASSERT_TRUE(eventually([&] { return asking.calls.load() >= 5; }));
+  EXPECT_EQ(link.close(), 0);
+  EXPECT_EQ(asking.failed.load(), 0) << "of " << asking.calls.load() << " calls";
+}
+
+// A function that stays in its call until the test lets it out, then tries
+// the arm once more.
+struct Stuck {
+  std::atomic<bool> inside{false};
+  std::atomic<bool> let_out{false};
+  std::atomic<int> after_result{1};
+  std::atomic<int> after_code{0};
+  static void run(KaloContext *ctx, void *self) {
+    auto *s = static_cast<Stuck *>(self);
+    if (s->inside.exchange(true))
+      return;
+    while (!s->let_out.load())
+      std::this_thread::sleep_for(1ms);
+    float pose[7];
+    s->after_result = kaloGetPosition(ctx, pose);
+    s->after_code = kaloGlobalError;
+  }
+};
+
+TEST(CoreLifetime, AFunctionThatDoesNotComeBackHoldsTheCloseOnlyForItsLimits) {
+  const int threads = thread_count();
+  Link link(sim_config());
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  Stuck stuck;
+  float period = 0.001f;
+  ASSERT_EQ(kaloSetPeriodicFunction(link.ctx, Stuck::run, &period, &stuck), 0);
+  ASSERT_EQ(kaloStartLoop(link.ctx), 0);
+  ASSERT_TRUE(eventually([&] { return stuck.inside.load(); }));
+
+  KaloContext *ctx = link.ctx;
+  link.ctx = nullptr;
+  auto closing = std::async(std::launch::async, [ctx] { return kaloClose(ctx); });
+  const bool returned = closing.wait_for(10s) == std::future_status::ready;
+  EXPECT_TRUE(returned) << "kaloClose waits for a call that never ends";
+  EXPECT_TRUE(link.sim.wait_for_frame_with(Field::close_request, 1000ms).has_value());
+  // The close is over: the function's next call is refused as on a closed
+  // handle, and its thread ends and takes the context with it.
+  stuck.let_out = true;
+  EXPECT_EQ(closing.get(), 0);
+  ASSERT_TRUE(eventually([&] { return stuck.after_result.load() != 1; }, 1000ms));
+  EXPECT_EQ(stuck.after_result.load(), -1);
+  EXPECT_EQ(stuck.after_code.load(), KALO_ERROR_INVALID_CONTEXT);
   link.sim.stop();
   EXPECT_TRUE(eventually([&] { return thread_count() == threads; }, 1000ms));
 }

@@ -32,6 +32,7 @@ struct FakeContext {
   FakeContext() {
     KaloContext &c = *ctx;
     c.magic = kalo::kContextMagic;
+    c.lifetime.holders = 1; // the test's, as kaloOpen gives the application's
     c.lock = TR_creer_semaphore_mutex();
     c.link.reply_sem = TR_creer_semaphore_synchro();
     c.link.traj_sample_sem = TR_creer_semaphore_synchro();

@@ -27,6 +27,7 @@ struct BareContext {
   BareContext() {
     ctx->magic = kalo::kContextMagic;
     ctx->link.connected = 1;
+    ctx->lifetime.holders = 1; // the test's, as kaloOpen gives the application's
     ctx->lock = TR_creer_semaphore_mutex();
     ctx->loop.loop_sem = TR_creer_semaphore_synchro();
     ctx->loop.loop_exited = TR_creer_semaphore_synchro();
