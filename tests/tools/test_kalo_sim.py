@@ -44,9 +44,9 @@ class KaloSimCommandLine(unittest.TestCase):
                 self.assertIn(message, run.stderr)
 
     def test_a_trace_that_fills_the_disk_during_the_run_stops_the_simulator(self):
-        def small_files():  # a 20 kB file size limit stands for a full disk
+        def small_files():  # a 1 kB file size limit stands for a full disk
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            resource.setrlimit(resource.RLIMIT_FSIZE, (20000, 20000))
+            resource.setrlimit(resource.RLIMIT_FSIZE, (1000, 1000))
 
         with tempfile.TemporaryDirectory() as tmp:
             trace = os.path.join(tmp, "trace.csv")
@@ -54,7 +54,7 @@ class KaloSimCommandLine(unittest.TestCase):
             controller = subprocess.Popen(
                 [SIM, "--port", str(port), "--duration", "30", "-q", "--trace", trace],
                 stderr=subprocess.PIPE, text=True, preexec_fn=small_files)
-            # A client: the monitor's exchanges fill 20 kB of trace within a second.
+            # A client: the monitor's open, one reading and close fill 1 kB of trace.
             subprocess.run([MONITOR, "--once", f"127.0.0.1#{port}"], capture_output=True,
                            timeout=60)
             _, err = controller.communicate(timeout=60)
