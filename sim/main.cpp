@@ -77,6 +77,7 @@ Faults (for reliability tests)
       --delay US[:R]      hold back a ratio R (default 1) of frames by US microseconds
       --silence MS@S      after S seconds, send nothing for MS milliseconds
       --restart-after S   after S seconds, forget the client as a reboot would
+                          (S:new-port: and send from a new source port from then on)
       --seed N            seed of the fault draws (default 1)
 
 Output
@@ -197,6 +198,7 @@ int main(int argc, char **argv) {
     std::vector<std::pair<kalo::Field, std::vector<double>>> fields;
   } initial;
   double duration = 0, silence_at = -1, restart_after = -1;
+  bool restart_on_new_port = false;
   long silence_ms = 0;
 
   static const option options[] = {
@@ -411,11 +413,17 @@ int main(int argc, char **argv) {
         usage_error("silence start must not be negative");
       break;
     }
-    case kRestartAfter:
-      restart_after = number(a, "restart time");
+    case kRestartAfter: {
+      std::string s = a;
+      const auto colon = s.find(':');
+      if (colon != std::string::npos && s.substr(colon) != ":new-port")
+        usage_error("--restart-after takes S or S:new-port");
+      restart_on_new_port = colon != std::string::npos;
+      restart_after = number(s.substr(0, colon).c_str(), "restart time");
       if (restart_after < 0)
         usage_error("restart time must not be negative");
       break;
+    }
     case kSeed:
       cfg.faults.seed = static_cast<uint32_t>(integer(a, "seed", 0, 0xFFFFFFFFL));
       break;
@@ -505,7 +513,10 @@ int main(int argc, char **argv) {
     }
     if (!restarted && restart_after >= 0 && t >= restart_after) {
       restarted = true;
-      sim.restart();
+      if (restart_on_new_port)
+        sim.restart_on_new_port();
+      else
+        sim.restart();
     }
     if (cfg.verbosity >= 2 && now - last_report >= std::chrono::seconds(1)) {
       const auto s = sim.stats();

@@ -67,6 +67,8 @@ struct Simulator::Impl final : Wire {
 
   Config cfg;
   int fd = -1;
+  int send_fd = -1; // after a restart on a new port: the socket state frames leave from
+  std::atomic<bool> new_port_wanted{false};
   uint16_t bound_port = 0;
   std::thread thread;
   std::atomic<bool> stop_flag{false};
@@ -98,6 +100,7 @@ struct Simulator::Impl final : Wire {
   std::string line; // trace line being built
 
   bool open_socket(std::string *error);
+  void open_send_socket();
   void run();
   void drain(int64_t now);
   void handle_datagram(const unsigned char *data, std::size_t size, const sockaddr_in &from,
@@ -138,6 +141,20 @@ bool Simulator::Impl::open_socket(std::string *error) {
   getsockname(fd, reinterpret_cast<sockaddr *>(&local), &len);
   bound_port = ntohs(local.sin_port);
   return true;
+}
+
+// A socket on a new ephemeral port of the bound address, for the state frames.
+void Simulator::Impl::open_send_socket() {
+  if (send_fd >= 0)
+    ::close(send_fd);
+  send_fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  inet_pton(AF_INET, cfg.bind_address.c_str(), &local.sin_addr);
+  if (send_fd >= 0 && ::bind(send_fd, reinterpret_cast<sockaddr *>(&local), sizeof local) != 0) {
+    ::close(send_fd);
+    send_fd = -1; // the frames keep leaving from the controller port
+  }
 }
 
 // ---- receiving ----
@@ -228,6 +245,8 @@ void Simulator::Impl::take_inputs_locked() {
     faults.drop_held();
     raw_out.clear();
     raw.clear();
+    if (new_port_wanted.exchange(false))
+      open_send_socket();
   }
   for (auto &d : raw)
     raw_out.push_back(std::move(d));
@@ -276,7 +295,8 @@ void Simulator::Impl::transmit(const unsigned char *bytes, std::size_t size) {
   const auto &client = controller.client();
   if (!client)
     return;
-  ::sendto(fd, bytes, size, 0, reinterpret_cast<const sockaddr *>(&*client), sizeof *client);
+  ::sendto(send_fd >= 0 ? send_fd : fd, bytes, size, 0,
+           reinterpret_cast<const sockaddr *>(&*client), sizeof *client);
 }
 
 void Simulator::Impl::run() {
@@ -379,6 +399,9 @@ void Simulator::stop() {
   s.trace.close();
   ::close(s.fd);
   s.fd = -1;
+  if (s.send_fd >= 0)
+    ::close(s.send_fd);
+  s.send_fd = -1;
   s.running = false;
 }
 
@@ -544,6 +567,10 @@ void Simulator::go_silent(std::chrono::milliseconds duration) {
       now_ns() + std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count());
 }
 void Simulator::restart() {
+  impl_->faults.request_restart();
+}
+void Simulator::restart_on_new_port() {
+  impl_->new_port_wanted = true;
   impl_->faults.request_restart();
 }
 void Simulator::send_datagram(std::span<const uint8_t> bytes) {

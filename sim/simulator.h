@@ -199,6 +199,10 @@ public:
   // a new hello; the command type, power, pending requests, everything the
   // client set and every frame in flight are gone.
   void restart();
+  // The same, and from then on the state frames leave from a new source port
+  // (commands are still read on port()), as from a controller whose sending
+  // socket is bound afresh at each boot.
+  void restart_on_new_port();
   // Sends these bytes, as they are, from the controller's port to the client
   // after the next state frame (for tests of what a client makes of a bad or
   // hostile datagram). Nothing is sent while no client is served.

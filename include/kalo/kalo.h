@@ -284,12 +284,16 @@ KALO_API const char *kaloGetErrorMessage(int32_t code);
  * first free one of 3131..3140, the controller port to 5000; what follows a
  * `+` is ignored. Ports are decimal digits in 1..65535.
  *
- * The call binds the socket, starts the exchange thread, waits 1 s for the
- * controller's first state frame, then reads the control-point and axis
- * counts and the maximum speeds and exchanges versions with the controller.
- * Datagrams are accepted only from the controller's address and, once the
- * first state frame has come, only from that frame's source port; others are
- * dropped.
+ * The call binds the socket, starts the exchange thread, waits for the
+ * controller's first state frame (at most 1 s), then reads the control-point
+ * and axis counts and the maximum speeds and exchanges versions with the
+ * controller, going on at each reply: against a controller that answers, it
+ * returns within a few milliseconds. Datagrams are accepted only from the
+ * controller's address and, once the first state frame has come, only from
+ * that frame's source port; others are dropped. After a silence of 0.5 s a
+ * state frame from the controller's address re-locks the link to its source
+ * port (a restarted controller may send from a new one): see
+ * KALO_EXT_EVENT_LINK_RELOCKED in kalo_ext.h.
  *
  * @param[in] url The controller's URL, as above (e.g. "localhost",
  *                "udpxdr://10.0.0.2:4000#6000").
@@ -308,11 +312,16 @@ KALO_API KaloContext *kaloOpen(const char *url);
 /**
  * @brief Closes a connection and releases everything it holds.
  *
- * Detaches the virtual objects, stops the periodic loop, sends the closing
- * request to the controller, ends the threads and frees the context; takes
- * about 1 s. Every thread blocked in a library wait on this connection is
- * woken and its call returns -1 with #KALO_ERROR_COMMUNICATION in
- * #kaloGlobalError. The handle
+ * Stops the periodic loop (the function's calls are answered until its
+ * current call ends), detaches the virtual objects, sends the closing request
+ * to the controller with the answer to its next state frame, ends the threads
+ * and frees the context; against a controller that streams, it returns within
+ * a few milliseconds. Every wait has a limit: a periodic function still in its
+ * call after 0.4 s (a host's shutdown may have stopped its thread) does not
+ * hold the close up; its later calls get #KALO_ERROR_INVALID_CONTEXT and the
+ * context is freed when it returns. Every thread blocked in a library wait on
+ * this connection is woken and its call returns -1 with
+ * #KALO_ERROR_COMMUNICATION in #kaloGlobalError. The handle
  * is invalid afterwards: any later call with it reports
  * #KALO_ERROR_INVALID_CONTEXT. May be called from the periodic function.
  *
@@ -443,7 +452,8 @@ KALO_API int32_t kaloSetPeriodicFunction(KaloContext *context, KaloPeriodicFunct
  * @param[in] context The connection.
  * @retval 0 Started.
  * @retval -1 #KALO_ERROR_NO_PERIODIC_FUNCTION: no function registered;
- *         #KALO_ERROR_LOOP_ALREADY_STARTED: the loop runs already;
+ *         #KALO_ERROR_LOOP_ALREADY_STARTED: the loop runs already, or a
+ *         stopped loop's call has not ended within 1 s;
  *         #KALO_ERROR_OUT_OF_MEMORY: the thread could not be created;
  *         #KALO_ERROR_INVALID_CONTEXT (in #kaloGlobalError) or
  *         #KALO_ERROR_COMMUNICATION.
@@ -453,7 +463,9 @@ KALO_API int32_t kaloStartLoop(KaloContext *context);
  * @brief Stops the loop.
  *
  * Once this returns the function is not called again; from another thread
- * the call waits for a call in progress to end. Called from the periodic
+ * the call waits for a call in progress to end, at most 1 s (a longer call
+ * ends on its own, and kaloStartLoop() refuses with
+ * #KALO_ERROR_LOOP_ALREADY_STARTED until it has). Called from the periodic
  * function itself, it returns at once and the function's current call is
  * its last.
  *

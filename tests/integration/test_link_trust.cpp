@@ -1,7 +1,9 @@
 // A stranger on the same host floods a live connection with well-formed state
 // frames (a pose, buttons, drive failures, a version reply, oversized counts)
 // from its own port: the application never reads any of it, the stream from
-// the controller goes on, and every such datagram is counted as foreign.
+// the controller goes on, every such datagram is counted as foreign, and the
+// link never re-locks to it. A controller that restarts and sends from a new
+// source port is taken back after the hello-resend silence.
 #include "core_support.h"
 
 #include <atomic>
@@ -9,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "kalo/kalo_ext.h"
 #include "protocol/proto_session.h"
 
 namespace {
@@ -97,7 +100,46 @@ TEST(LinkTrust, StateFramesFromAnotherPortNeverChangeAReading) {
   })) << ctx->link.link_counters.frames_foreign.load()
       << " of " << sent.load() << " counted";
   EXPECT_EQ(ctx->link.link_counters.items_rejected.load(), 0u);
+  EXPECT_EQ(ctx->link.link_counters.relocks.load(), 0u);
   int32_t major = 0, minor = 0;
   EXPECT_EQ(kaloGetControlerVersion(ctx, &major, &minor), 0);
   EXPECT_NE(major, 99);
+}
+
+TEST(LinkTrust, AControllerRestartedOnANewSourcePortIsTakenBackAfterTheSilence) {
+  Link link(sim_config());
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  KaloContext *ctx = link.ctx;
+  const auto pose_x = [ctx] {
+    float pose[7] = {};
+    return kaloGetPosition(ctx, pose) == 0 ? pose[0] : -1.0f;
+  };
+  link.sim.set_pose({0.01f, 0, 0, 0, 0, 0, 1});
+  ASSERT_TRUE(eventually([&] { return pose_x() == 0.01f; }));
+
+  link.sim.restart_on_new_port();
+  const auto restarted = std::chrono::steady_clock::now();
+  link.sim.set_pose({0.02f, 0, 0, 0, 0, 0, 1});
+#ifdef KALO_SANITIZER_BUILD
+  const auto limit = 3000ms;
+#else
+  const auto limit = 1000ms;
+#endif
+  EXPECT_TRUE(eventually([&] { return pose_x() == 0.02f; }, limit));
+  std::printf(
+      "pose updated again %.0f ms after the restart\n",
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - restarted)
+          .count());
+  KaloExtLinkStatistics stats{};
+  stats.size = sizeof stats;
+  ASSERT_EQ(kaloExtGetLinkStatistics(ctx, &stats), 0);
+  EXPECT_EQ(stats.link_relocks, 1u);
+  KaloExtEvent events[16];
+  events[0].size = sizeof(KaloExtEvent);
+  uint32_t count = 0;
+  ASSERT_EQ(kaloExtGetEvents(ctx, events, 16, &count), 0);
+  int relocked = 0;
+  for (uint32_t i = 0; i < count; ++i)
+    relocked += events[i].kind == KALO_EXT_EVENT_LINK_RELOCKED ? 1 : 0;
+  EXPECT_EQ(relocked, 1);
 }

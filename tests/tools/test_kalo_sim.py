@@ -34,6 +34,8 @@ class KaloSimCommandLine(unittest.TestCase):
             (["--hand-frequency", "-0.5"], 2, "hand frequency must not be negative"),
             (["--silence", "100@-2"], 2, "silence start must not be negative"),
             (["--restart-after", "-1"], 2, "restart time must not be negative"),
+            (["--restart-after", "0.05:other-port"], 2, "--restart-after takes S or S:new-port"),
+            (["--restart-after", "0.05:new-port"], 0, ""),
             (["--trace", "/dev/full"], 1, "cannot write trace file /dev/full: No space left"),
             (["--set", "analogic_inputs=1,2,3,4,5,6,7", "--axes", "2", "--set", "70=1,2"], 0, ""),
         ]
