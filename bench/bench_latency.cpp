@@ -3,15 +3,22 @@
 // a bare UDP echo between two sockets on the same loopback in the same run.
 //
 // The controller here is a minimal one written for the measurement: it serves
-// the library's opening handshake, then for every frame marks one command
-// field on the library's side (as an application would), stamps the clock,
-// sends a typical state frame and waits for the answer that carries the
-// field's new value. p50 / p99 / max are reported as counters, in microseconds.
+// the library's opening handshake, then for every frame has the application
+// post one command field (kaloOutputsSetting), stamps the clock, sends a
+// typical state frame and waits for the answer that carries the field's new
+// value. Each configuration runs 5 times, interleaved at random with the
+// others, and the summary gives the medians of p50 and p99 beside the bare
+// echo's at the same rate (the machine may be shared: the median resists a
+// disturbed repetition).
 //
-// The telemetry is always collected; its cost shows twice: the round trip is
-// also run with a session recording (second argument 1), and the telemetry
-// hooks of one exchange are timed alone (BM_TelemetryPerExchange), to be read
-// against the round trip's microseconds.
+// Where the microseconds go is timed apart, in the same runs:
+//   rts_*   the exchange thread's own turnaround, from the receive of a state
+//           frame to the send of its answer;
+//   call_*  the command path: the device call that posts the field;
+//   wake_*  (mode 2, a 1 kHz periodic function running) the loop's wake-up,
+//           from the arrival of the frame that ticked it to the call.
+// Mode 1 runs the round trip with a session recording, and
+// BM_TelemetryPerExchange times the telemetry hooks of one exchange alone.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -21,6 +28,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -33,12 +41,16 @@
 #include "kalo/kalo.h"
 #include "kalo/kalo_ext.h"
 #include "kalo/kalo_internal.h"
+#include "link/telemetry.h"
 #include "protocol/exchange_record.h"
 #include "protocol/proto_session.h"
 
 namespace {
 
-constexpr int kFrames = 10000;
+// Frames per run: 5 s at 1 kHz, 1 s at 10 kHz.
+int frames_at(int64_t hz) {
+  return hz >= 10000 ? 10000 : 5000;
+}
 constexpr kalo::Field kMarkedField = kalo::Field::outputs;
 
 double now_us() {
@@ -106,6 +118,10 @@ Percentiles percentiles(std::vector<double> v) {
 }
 
 void report(benchmark::State &state, const std::vector<double> &latencies, int lost) {
+  if (latencies.empty()) {
+    state.SkipWithError("no answer");
+    return;
+  }
   const Percentiles p = percentiles(latencies);
   state.counters["p50_us"] = p.p50;
   state.counters["p99_us"] = p.p99;
@@ -113,6 +129,32 @@ void report(benchmark::State &state, const std::vector<double> &latencies, int l
   state.counters["frames"] = static_cast<double>(latencies.size());
   state.counters["lost"] = lost;
 }
+
+// p50 and p99 of a part of the round trip, as counters named after it.
+void report_part(benchmark::State &state, const char *name, const std::vector<double> &times) {
+  if (times.empty())
+    return;
+  const Percentiles p = percentiles(times);
+  state.counters[std::string(name) + "_p50_us"] = p.p50;
+  state.counters[std::string(name) + "_p99_us"] = p.p99;
+}
+
+// The periodic function of mode 2: how long after the ticking frame's arrival
+// each call begins.
+struct WakeLog {
+  std::vector<double> wake_us;
+  std::atomic<size_t> n{0};
+  static void run(KaloContext *ctx, void *self) {
+    auto *log = static_cast<WakeLog *>(self);
+    const uint64_t now = getTime(ctx);
+    const uint64_t tick = ctx->loop.last_tick_time.load();
+    const size_t k = log->n.load(std::memory_order_relaxed);
+    if (k < log->wake_us.size() && now >= tick) {
+      log->wake_us[k] = static_cast<double>(now - tick);
+      log->n.store(k + 1, std::memory_order_release);
+    }
+  }
+};
 
 // The controller's side of the link: frames in and out of one socket.
 class MiniController {
@@ -195,8 +237,13 @@ private:
   bool have_client_ = false;
 };
 
+// Modes of the round trip.
+enum Mode { kPlain = 0, kRecording = 1, kLoop = 2 };
+
 void BM_ExchangeRoundTrip(benchmark::State &state) {
   const double period_us = 1e6 / static_cast<double>(state.range(0));
+  const int frames = frames_at(state.range(0));
+  const auto mode = static_cast<Mode>(state.range(1));
   MiniController controller(0);
   if (!controller.ok()) {
     state.SkipWithError("controller port in use");
@@ -227,24 +274,32 @@ void BM_ExchangeRoundTrip(benchmark::State &state) {
   while (controller.receive_command()) {
   } // drain what the handshake left
   const std::string recording = "/tmp/kalo-bench-recording-" + std::to_string(getpid()) + ".csv";
-  const bool recorded = state.range(1) != 0;
-  if (recorded && kaloExtStartRecording(ctx, recording.c_str()) != 0) {
+  if (mode == kRecording && kaloExtStartRecording(ctx, recording.c_str()) != 0) {
     kaloClose(ctx);
     state.SkipWithError("cannot record");
     return;
   }
+  WakeLog wake;
+  wake.wake_us.resize(static_cast<size_t>(frames));
+  float loop_period = 0.001f;
+  if (mode == kLoop && (kaloSetPeriodicFunction(ctx, WakeLog::run, &loop_period, &wake) != 0 ||
+                        kaloStartLoop(ctx) != 0)) {
+    kaloClose(ctx);
+    state.SkipWithError("cannot start the loop");
+    return;
+  }
 
-  std::vector<double> latencies;
-  latencies.reserve(kFrames);
+  std::vector<double> latencies, turnaround, call;
+  latencies.reserve(static_cast<size_t>(frames));
+  turnaround.reserve(static_cast<size_t>(frames));
+  call.reserve(static_cast<size_t>(frames));
   int lost = 0;
   for (auto _ : state) {
     double deadline = now_us();
-    for (int i = 1; i <= kFrames; ++i) {
-      {
-        kalo::ContextLock hold(ctx);
-        ctx->link.command_record.outputs = i;
-        kalo::post_field(ctx->link.command_record, kMarkedField);
-      }
+    for (int i = 1; i <= frames; ++i) {
+      const double c0 = now_us();
+      kaloOutputsSetting(ctx, static_cast<uint32_t>(i));
+      call.push_back(now_us() - c0);
       const double t0 = now_us();
       controller.send_state();
       bool answered = false;
@@ -252,28 +307,40 @@ void BM_ExchangeRoundTrip(benchmark::State &state) {
         answered = controller.command().field_changed[kalo::id(kMarkedField)] != 0 &&
                    controller.command().outputs == i;
       const double t1 = now_us();
-      if (answered)
+      if (answered) {
         latencies.push_back(t1 - t0);
-      else
+        turnaround.push_back(
+            static_cast<double>(ctx->link.telemetry.turnaround_ns.load(std::memory_order_relaxed)) *
+            1e-3);
+      } else {
         ++lost;
+      }
       deadline += period_us;
       sleep_until_us(deadline);
     }
   }
-  if (recorded) {
+  if (mode == kRecording) {
     state.counters["rows_dropped"] = kaloExtStopRecording(ctx);
     std::remove(recording.c_str());
   }
+  if (mode == kLoop)
+    kaloStopLoop(ctx);
   kaloClose(ctx);
   report(state, latencies, lost);
+  report_part(state, "rts", turnaround);
+  report_part(state, "call", call);
+  wake.wake_us.resize(wake.n.load(std::memory_order_acquire));
+  report_part(state, "wake", wake.wake_us);
 }
 BENCHMARK(BM_ExchangeRoundTrip)
-    ->ArgNames({"hz", "recording"})
-    ->Args({1000, 0})
-    ->Args({1000, 1})
-    ->Args({10000, 0})
-    ->Args({10000, 1})
+    ->ArgNames({"hz", "mode"})
+    ->Args({1000, kPlain})
+    ->Args({1000, kRecording})
+    ->Args({1000, kLoop})
+    ->Args({10000, kPlain})
+    ->Args({10000, kRecording})
     ->Iterations(1)
+    ->Repetitions(5)
     ->Unit(benchmark::kMillisecond);
 
 // What the telemetry adds to one exchange: the hooks the exchange thread runs
@@ -318,11 +385,12 @@ void BM_BareUdpEcho(benchmark::State &state) {
   unsigned char frame[80] = {}; // the state frame's datagram size
   unsigned char answer[1446];
   std::vector<double> latencies;
-  latencies.reserve(kFrames);
+  latencies.reserve(10000);
   int lost = 0;
+  const int frames = frames_at(state.range(0));
   for (auto _ : state) {
     double deadline = now_us();
-    for (int i = 0; i < kFrames; ++i) {
+    for (int i = 0; i < frames; ++i) {
       const double t0 = now_us();
       sendto(a, frame, sizeof frame, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
       const bool answered = recv(a, answer, sizeof answer, 0) > 0;
@@ -341,8 +409,81 @@ void BM_BareUdpEcho(benchmark::State &state) {
   close(b);
   report(state, latencies, lost);
 }
-BENCHMARK(BM_BareUdpEcho)->Arg(1000)->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BareUdpEcho)
+    ->ArgName("hz")
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Iterations(1)
+    ->Repetitions(5)
+    ->Unit(benchmark::kMillisecond);
+
+// The console table, then the medians of the round trip's p50 and p99 beside
+// the bare echo's at the same rate, and the parts timed apart.
+class SummaryReporter : public benchmark::ConsoleReporter {
+public:
+  void ReportRuns(const std::vector<Run> &runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run &run : runs) {
+      if (run.error_occurred || run.run_type != Run::RT_Aggregate || run.aggregate_name != "median")
+        continue;
+      std::map<std::string, double> &c =
+          medians_[run.run_name.function_name + "/" + run.run_name.args];
+      for (const auto &[name, counter] : run.counters)
+        c[name] = counter.value;
+    }
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    std::printf("\nMedians of 5 runs (us); ratio = ours / bare echo at the same rate\n");
+    std::printf("%-28s %8s %8s %7s %7s %8s %8s %8s %8s\n", "configuration", "p50", "p99", "p50 x",
+                "p99 x", "rts p50", "call p50", "wake p50", "wake p99");
+    const char *modes[] = {"", " recording", " loop"};
+    for (int hz : {1000, 10000}) {
+      const std::string echo = "BM_BareUdpEcho/hz:" + std::to_string(hz);
+      if (medians_.count(echo) == 0)
+        continue;
+      std::map<std::string, double> &e = medians_[echo];
+      std::printf("%-28s %8.1f %8.1f\n", ("bare echo " + std::to_string(hz) + " Hz").c_str(),
+                  e["p50_us"], e["p99_us"]);
+      for (int mode = 0; mode < 3; ++mode) {
+        const std::string key =
+            "BM_ExchangeRoundTrip/hz:" + std::to_string(hz) + "/mode:" + std::to_string(mode);
+        if (medians_.count(key) == 0)
+          continue;
+        std::map<std::string, double> &m = medians_[key];
+        std::printf(
+            "%-28s %8.1f %8.1f %7.2f %7.2f %8.1f %8.2f %8s %8s\n",
+            ("libkalo " + std::to_string(hz) + " Hz" + modes[mode]).c_str(), m["p50_us"],
+            m["p99_us"], m["p50_us"] / e["p50_us"], m["p99_us"] / e["p99_us"], m["rts_p50_us"],
+            m["call_p50_us"],
+            m.count("wake_p50_us") ? std::to_string(m["wake_p50_us"]).substr(0, 6).c_str() : "-",
+            m.count("wake_p99_us") ? std::to_string(m["wake_p99_us"]).substr(0, 6).c_str() : "-");
+      }
+    }
+  }
+
+private:
+  std::map<std::string, std::map<std::string, double>> medians_;
+};
 
 } // namespace
 
-BENCHMARK_MAIN();
+// Repetitions are interleaved at random unless the command line says
+// otherwise, so that a change of load falls on every configuration alike.
+int main(int argc, char **argv) {
+  std::vector<char *> args(argv, argv + argc);
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  bool given = false;
+  for (int i = 1; i < argc; ++i)
+    given = given || std::strncmp(argv[i], "--benchmark_enable_random_interleaving", 38) == 0;
+  if (!given)
+    args.insert(args.begin() + 1, interleave.data());
+  int n = static_cast<int>(args.size());
+  benchmark::Initialize(&n, args.data());
+  if (benchmark::ReportUnrecognizedArguments(n, args.data()))
+    return 1;
+  SummaryReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,6 +1,7 @@
 /* kalo-monitor: shows the live state of an arm (pose, buttons, power, drive
  * failures, alarms) and the health of the link (frame rate, loss, jitter,
- * foreign datagrams, late periodic calls, the latest safety event) on one
+ * foreign datagrams, the late calls of a 1 kHz periodic loop it runs, the
+ * latest safety event, a late loop included) on one
  * refreshing terminal screen until Ctrl-C, or a single snapshot with --once. Written against the
  * public C header only, so it doubles as a check that kalo.h serves C programs.
  * A controller that sends no state frame for 1 s has stopped answering: the
@@ -84,9 +85,23 @@ static void print_link(KaloContext *ctx) {
          (unsigned long long)s.frames_foreign, (unsigned long long)s.frames_malformed,
          (unsigned long long)s.late_calls, (unsigned long long)s.periodic_calls);
   events[0].size = sizeof events[0];
-  if (kaloExtGetEvents(ctx, events, 1, &count) == 0 && count == 1)
-    printf("%-10s%s (%g against %g)\n", "event", kaloExtEventName(events[0].kind), events[0].value,
-           events[0].threshold);
+  if (kaloExtGetEvents(ctx, events, 1, &count) == 0 && count == 1) {
+    if (events[0].kind == KALO_EXT_EVENT_LOOP_LATE)
+      printf("%-10s%s (%.1f %% of the calls in 1 s, above %.1f %%)\n", "event",
+             kaloExtEventName(events[0].kind), 100.0 * events[0].value,
+             100.0 * events[0].threshold);
+    else
+      printf("%-10s%s (%g against %g)\n", "event", kaloExtEventName(events[0].kind),
+             events[0].value, events[0].threshold);
+  }
+}
+
+/* The live screen keeps a 1 kHz periodic loop running, as an application
+ * would, so that its late calls and the late-loop event say whether this
+ * machine and link keep such a loop in step. The function does nothing. */
+static void idle_step(KaloContext *ctx, void *user_data) {
+  (void)ctx;
+  (void)user_data;
 }
 
 /* One screen of state; 0, or -1 when the connection no longer answers. */
@@ -225,6 +240,10 @@ int main(int argc, char **argv) {
     status = print_snapshot(ctx, url) == 0 ? 0 : 1;
   } else {
     const int tty = isatty(STDOUT_FILENO);
+    float loop_period = 0.001f;
+    if (kaloSetPeriodicFunction(ctx, idle_step, &loop_period, NULL) != 0 || kaloStartLoop(ctx) != 0)
+      fprintf(stderr, "kalo-monitor: no periodic loop: %s\n",
+              kaloGetErrorMessage(kaloGetErrorCode(ctx)));
     while (!stop_requested) {
       if (tty)
         fputs("\033[H\033[J", stdout); /* home, clear: one screen redrawn in place */

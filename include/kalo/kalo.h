@@ -406,9 +406,17 @@ KALO_API int32_t kaloGetRobotNumberOfControlPoints(KaloContext *context);
  * @brief A function of the application called in step with the controller's
  *        frames, on a real-time thread of the library.
  *
- * The exchange thread ticks the loop at the first state frame that arrives
- * once a period has elapsed (200 us early, for jitter): if frames stop, the
- * loop stops being called. Each call is timed against the time step
+ * The exchange thread ticks the loop at the first state frame that comes
+ * once a period has elapsed (200 us early, for jitter) since the frame that
+ * ticked it last: if frames stop, the loop stops being called. The period is
+ * measured in the controller's time, on the time stamps of the state frames
+ * whenever they advance, so a frame that the network or the scheduler delays
+ * does not cost the next, punctual frame its tick; arrival times are the
+ * measure only for a controller that sends no time stamps. With a 1 ms
+ * period, frames every 900 us tick every frame and frames every 500 us every
+ * second frame; the first tick after a start waits a whole period. The time
+ * that really passed between two calls is in kaloExtGetLoopTiming()
+ * (kalo_ext.h). Each call is timed against the time step
  * (kaloSetTimeStep()): a call lasting 1 ms or more beyond it is an overrun,
  * reported in bit 17 of kaloGetAlarm() and, with bit 0 of the debug flags,
  * as "Overrun de N ms" on the output stream. Ticks are counted, so calls

@@ -162,6 +162,11 @@ KALO_API int32_t kaloExtStopRecording(KaloContext *context);
  *  errno (ENOSPC for a full disk), threshold 0. */
 #define KALO_EXT_EVENT_RECORDING_FAILED 8
 
+/** The share of late periodic calls over the last second exceeded the
+ *  threshold (kaloExtSetLoopLateThreshold): value is the share (0..1),
+ *  threshold the threshold. At most one a second. */
+#define KALO_EXT_EVENT_LOOP_LATE 6
+
 /** One safety action. */
 typedef struct KaloExtEvent {
   uint32_t size;       /**< see kaloExtGetEvents */
@@ -318,6 +323,57 @@ KALO_API int32_t kaloExtPassivitySetSupply(KaloExtPassivity *passivity, double e
  *          given) and the record is left as it was. */
 KALO_API int32_t kaloExtPassivityStep(KaloExtPassivity *passivity, const float force[6],
                                       const float velocity[6], double elapsed, float out[6]);
+
+/* ---- Loop timing ---------------------------------------------------------- */
+
+/** The timing of a call of the periodic function: how much time really
+ *  passed since the previous call, for an application that integrates a
+ *  simulation. The loop is ticked in the controller's time (see
+ *  kaloSetPeriodicFunction), so controller_elapsed is the time the
+ *  controller's stamps say separates the two frames that ticked the calls: a
+ *  period, two after a lost frame, several when the function overran, and
+ *  never the jitter of the network or of the scheduler. Integrate with it,
+ *  bounded (say to 5 periods) so that a long silence does not throw the
+ *  simulation. */
+typedef struct KaloExtLoopTiming {
+  uint32_t size;   /**< in: sizeof(KaloExtLoopTiming); out: bytes filled */
+  uint32_t frames; /**< state frames received between the frames that ticked the two calls */
+  /** s: controller's time from the frame that ticked the previous call to the
+   *  one that ticked this call: the newest tick when the call starts, so the
+   *  time matches the state the call reads. A call that starts late covers
+   *  the ticks that came meanwhile, and the calls that follow it back to back
+   *  are told 0. For the first call after a start: from the last frame before
+   *  the start. Measured on arrival times for a controller that sends no
+   *  time stamps. */
+  double controller_elapsed;
+  double arrival_elapsed; /**< s: the same measured on arrival times */
+  uint32_t late; /**< 1 when this call started more than 1.5 periods after the previous one */
+  /** controller time stamp (us, 32-bit wrapping) of the frame that ticked this call */
+  uint32_t stamp;
+  uint64_t calls;      /**< periodic calls so far (this one included) */
+  uint64_t late_calls; /**< late calls so far (this one included) */
+} KaloExtLoopTiming;
+
+/** Reads the timing of the periodic call in progress: call it from the
+ *  periodic function. From another thread it gives the latest call's timing;
+ *  before the first call every member is 0.
+ *  @param context the connection.
+ *  @param timing  filled; set timing->size first.
+ *  @return 0, or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError for a bad
+ *          handle; KALO_ERROR_INCORRECT_VALUE for a NULL timing or a size
+ *          below 8. */
+KALO_API int32_t kaloExtGetLoopTiming(KaloContext *context, KaloExtLoopTiming *timing);
+
+/** Sets the share of late periodic calls (late as in KaloExtLoopTiming) over
+ *  a moving window of one second above which KALO_EXT_EVENT_LOOP_LATE is
+ *  raised, at most once a second. The window is judged once the loop has run
+ *  for a second. Default 0.02 (2 %); 1 never raises it.
+ *  @param context the connection.
+ *  @param share   0 to 1.
+ *  @return 0, or -1: KALO_ERROR_INVALID_CONTEXT in kaloGlobalError for a bad
+ *          handle; KALO_ERROR_INCORRECT_VALUE for a share that is not a
+ *          number from 0 to 1. */
+KALO_API int32_t kaloExtSetLoopLateThreshold(KaloContext *context, double share);
 
 KALO_END_DECLS
 

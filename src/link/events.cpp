@@ -137,6 +137,8 @@ const char *kaloExtEventName(uint32_t kind) {
     return "link relocked";
   case KALO_EXT_EVENT_RECORDING_FAILED:
     return "recording failed";
+  case KALO_EXT_EVENT_LOOP_LATE:
+    return "loop late";
   default:
     return "unknown";
   }

@@ -102,20 +102,33 @@ void react_to_state(KaloContext *ctx, int &pending_request) {
   kalo::clear_changes(state);
 }
 
-// Ticks the periodic loop when a period has elapsed since the previous tick.
-// The timing words have this thread as their only writer.
-void tick_loop(KaloContext *ctx) {
-  if (ctx->loop.loop_running.load() == 0) {
+// Ticks the periodic loop when a period has elapsed since the previous tick,
+// in the controller's time (LoopTicker), and hands the loop thread the tick's
+// record. The ticker and the ring have this thread as their only writer.
+void tick_loop(KaloContext *ctx, const kalo::TickFrame &frame, uint64_t frames) {
+  kalo::LoopState &loop = ctx->loop;
+  if (loop.loop_running.load() == 0) {
     // The first tick after a start waits one whole period.
-    ctx->loop.last_tick_time = getTime(ctx);
+    loop.ticker.rest(frame);
+    loop.last_tick_time = frame.arrival_us;
     return;
   }
-  const uint64_t now = getTime(ctx);
-  ctx->loop.last_frame_time = now;
-  if (kalo::loop_tick_due(now, ctx->loop.last_tick_time.load(), ctx->loop.loop_period_us.load())) {
-    ctx->loop.last_tick_time = getTime(ctx);
-    TR_poster_semaphore(ctx->loop.loop_sem);
-  }
+  loop.last_frame_time = frame.arrival_us;
+  if (!loop.ticker.due(frame, loop.loop_period_us.load()))
+    return;
+  loop.last_tick_time = frame.arrival_us;
+  const uint64_t n = loop.ticks_published.load(std::memory_order_relaxed);
+  kalo::LoopState::TickRecord &r = loop.ticks[n % kalo::LoopState::kTickRing];
+  r.sequence.store(0, std::memory_order_relaxed);
+  r.stamp.store(frame.stamp, std::memory_order_relaxed);
+  r.frames.store(frames, std::memory_order_relaxed);
+  r.clock_us.store(loop.ticker.clock_us(), std::memory_order_relaxed);
+  r.arrival_us.store(frame.arrival_us, std::memory_order_relaxed);
+  r.elapsed_clock_us.store(loop.ticker.elapsed_clock_us(), std::memory_order_relaxed);
+  r.elapsed_arrival_us.store(loop.ticker.elapsed_arrival_us(), std::memory_order_relaxed);
+  r.sequence.store(n + 1, std::memory_order_release);
+  loop.ticks_published.store(n + 1, std::memory_order_release);
+  TR_poster_semaphore(loop.loop_sem);
 }
 
 // Ends the thread: letting go is the thread's last access to the context.
@@ -156,8 +169,10 @@ void *_backendThread(void *context) {
   if (!hello_sent)
     return finish(ctx, -1);
 
+  uint64_t received_ns = 0; // the state frame of this cycle, 0 when none came
   for (;;) {
     errno = 0;
+    received_ns = 0;
     kalo::Arrival arrival = kalo::Arrival::nothing;
     const bool may_relock = getTime(ctx) - last_heard >= kSilenceUs;
     const int received = kalo::receive_frame(
@@ -184,7 +199,10 @@ void *_backendThread(void *context) {
         TR_delai(0.001);
       }
     } else {
+      received_ns = kalo::monotonic_ns();
       last_heard = getTime(ctx);
+      kalo::TickFrame tick_frame{last_heard, 0, false};
+      uint64_t frames = 0;
       {
         ContextLock hold(ctx);
         ExchangeRecord &state = ctx->link.state_record;
@@ -199,8 +217,11 @@ void *_backendThread(void *context) {
         if (ctx->link.frame_received.exchange(1) == 0)
           TR_poster_semaphore(ctx->link.first_frame_sem); // kaloOpen waits for it
         kalo::telemetry_state_frame(ctx);
+        tick_frame.has_stamp = kalo::carries(state, kalo::Field::time_stamp);
+        tick_frame.stamp = static_cast<uint32_t>(state.time_stamp);
+        frames = ctx->link.frames_received;
       }
-      tick_loop(ctx);
+      tick_loop(ctx, tick_frame, frames);
       ContextLock hold(ctx);
       react_to_state(ctx, pending_request);
       // The speed-factor filter steps once per frame. Its input is written by
@@ -228,6 +249,9 @@ void *_backendThread(void *context) {
         ctx->link.frames_sent++;
         if (ctx->link.sent_watched.load() != 0)
           TR_poster_semaphore(ctx->link.frame_sent_sem);
+        if (sent == SendResult::sent && received_ns != 0)
+          ctx->link.telemetry.turnaround_ns.store(kalo::monotonic_ns() - received_ns,
+                                                  std::memory_order_relaxed);
       }
       kalo::telemetry_cycle_end(ctx, sent == SendResult::sent);
       // While the controller is silent (perhaps restarting, its port

@@ -17,13 +17,16 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <pthread.h>
 
 #include "device/call_frame.h"
 #include "device/context.h"
+#include "link/events.h"
 #include "link/lifecycle.h"
 #include "link/loop_rules.h"
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
 #include "kalo/kalo_internal.h"
 #include "realtime/timed_wait.h"
 
@@ -36,6 +39,84 @@ thread_local KaloContext *t_context_closed_by_function = nullptr;
 
 bool is_thread_of(const TR_TACHE *task) {
   return task != nullptr && pthread_equal(task->thread, pthread_self());
+}
+
+// Makes the loop's timing start afresh for a new start. Under the lock, with
+// no loop thread running (or on the loop thread itself).
+void reset_loop_timing(KaloContext *ctx) {
+  kalo::LoopState &l = ctx->loop;
+  l.ticks_consumed = l.ticks_published.load(std::memory_order_acquire);
+  l.have_previous_tick = false;
+  l.previous_tick_frames = ctx->link.frames_received;
+  l.previous_call_start_us = 0;
+  l.late_watch.reset();
+}
+
+// Reads tick record `index`; false when a later tick has overwritten it.
+bool read_tick(const kalo::LoopState &l, uint64_t index, uint32_t *stamp, uint64_t *frames,
+               uint64_t *clock_us, uint64_t *arrival_us, uint64_t *elapsed_clock_us,
+               uint64_t *elapsed_arrival_us) {
+  const kalo::LoopState::TickRecord &r = l.ticks[index % kalo::LoopState::kTickRing];
+  if (r.sequence.load(std::memory_order_acquire) != index + 1)
+    return false;
+  *stamp = r.stamp.load(std::memory_order_acquire);
+  *frames = r.frames.load(std::memory_order_acquire);
+  *clock_us = r.clock_us.load(std::memory_order_acquire);
+  *arrival_us = r.arrival_us.load(std::memory_order_acquire);
+  *elapsed_clock_us = r.elapsed_clock_us.load(std::memory_order_acquire);
+  *elapsed_arrival_us = r.elapsed_arrival_us.load(std::memory_order_acquire);
+  return r.sequence.load(std::memory_order_acquire) == index + 1;
+}
+
+// Fills the timing of the call starting at start_us from the newest tick:
+// the call reads the newest state, so it is told the time up to the frame
+// behind that state. When the loop wakes late, one call covers the ticks
+// that came meanwhile, and the calls that follow back to back (their ticks
+// are counted) are told that no time passed. A wake-up without a tick (a
+// stop, a test) gives a call with no elapsed time either. Under the lock, on
+// the loop thread.
+void take_tick(KaloContext *ctx, uint64_t start_us) {
+  kalo::LoopState &l = ctx->loop;
+  KaloExtLoopTiming &t = l.timing;
+  t.size = sizeof t;
+  t.frames = 0;
+  t.controller_elapsed = 0;
+  t.arrival_elapsed = 0;
+  // The newest record cannot be overwritten before kTickRing more ticks: a
+  // failed read means the loop stalled that long, and the next one is newer.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const uint64_t published = l.ticks_published.load(std::memory_order_acquire);
+    if (published <= l.ticks_consumed)
+      break;
+    const uint64_t index = published - 1;
+    uint32_t stamp;
+    uint64_t frames, clock_us, arrival_us, elapsed_clock_us, elapsed_arrival_us;
+    if (!read_tick(l, index, &stamp, &frames, &clock_us, &arrival_us, &elapsed_clock_us,
+                   &elapsed_arrival_us))
+      continue;
+    if (l.have_previous_tick) {
+      elapsed_clock_us = clock_us - l.previous_tick_clock_us;
+      elapsed_arrival_us = arrival_us - l.previous_tick_arrival_us;
+    }
+    t.controller_elapsed = static_cast<double>(elapsed_clock_us) * 1e-6;
+    t.arrival_elapsed = static_cast<double>(elapsed_arrival_us) * 1e-6;
+    t.frames = static_cast<uint32_t>(frames - l.previous_tick_frames);
+    t.stamp = stamp;
+    l.previous_tick_frames = frames;
+    l.previous_tick_clock_us = clock_us;
+    l.previous_tick_arrival_us = arrival_us;
+    l.have_previous_tick = true;
+    l.ticks_consumed = published;
+    break;
+  }
+  const double period = static_cast<double>(l.loop_period_us.load());
+  t.late = l.previous_call_start_us != 0 && period > 0 &&
+                   static_cast<double>(start_us - l.previous_call_start_us) > 1.5 * period
+               ? 1
+               : 0;
+  l.previous_call_start_us = start_us;
+  t.calls++;
+  t.late_calls += t.late;
 }
 
 } // namespace
@@ -135,9 +216,11 @@ int32_t kaloStartLoop(KaloContext *context) {
         // The function stopped and restarts its own loop: this thread goes on.
         ctx->loop.loop_task = ctx->loop.loop_task_finishing;
         ctx->loop.loop_task_finishing = nullptr;
+        reset_loop_timing(ctx);
       } else {
         // Ticks left over from an earlier loop must not fire the new one at once.
         kalo::drain(ctx->loop.loop_sem);
+        reset_loop_timing(ctx);
         // The new thread reads its own handle under the lock held here, so it
         // sees the identifier that the creation stores.
         kalo::hold(ctx);
@@ -171,6 +254,8 @@ void *_kaloLoop(void *context) {
     TR_attendre_semaphore(ctx->loop.loop_sem);
     kalo::PeriodicFunction function;
     void *user_data;
+    uint64_t start;
+    bool late;
     {
       ContextLock hold(ctx);
       const bool still_the_loop =
@@ -184,11 +269,13 @@ void *_kaloLoop(void *context) {
       }
       function = ctx->loop.periodic_function;
       user_data = ctx->loop.periodic_user_data;
+      if (function == nullptr)
+        continue;
+      start = getTime(ctx);
+      take_tick(ctx, start);
+      late = ctx->loop.timing.late != 0;
     }
-    if (function == nullptr)
-      continue;
 
-    const uint64_t start = getTime(ctx);
     ctx->loop.loop_start_time = start;
     ctx->loop.in_periodic_function = 1;
     function(ctx, user_data);
@@ -213,11 +300,48 @@ void *_kaloLoop(void *context) {
     } else {
       ctx->loop.loop_overrun = 0;
     }
-    kalo::telemetry_periodic_call(ctx, start, duration, ctx->loop.loop_overrun.load() != 0);
+    kalo::telemetry_periodic_call(ctx, start, duration, ctx->loop.loop_overrun.load() != 0, late);
+    double share = 0;
+    const double threshold = ctx->loop.late_share_threshold.load(std::memory_order_relaxed);
+    if (ctx->loop.late_watch.add(start, late, threshold, &share))
+      kalo::record_event(ctx, KALO_EXT_EVENT_LOOP_LATE, share, threshold);
   }
   TR_poster_semaphore(ctx->loop.loop_exited);
   kalo::let_go(ctx); // last access to the context
   return nullptr;
+}
+
+int32_t kaloExtGetLoopTiming(KaloContext *context, KaloExtLoopTiming *timing) {
+  if (!kalo::is_live(context)) {
+    kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return -1;
+  }
+  if (timing == nullptr || timing->size < 8) {
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  const uint32_t wanted = timing->size;
+  KaloExtLoopTiming copy{};
+  {
+    ContextLock hold(context);
+    copy = context->loop.timing;
+  }
+  copy.size = wanted < sizeof copy ? wanted : static_cast<uint32_t>(sizeof copy);
+  std::memcpy(timing, &copy, copy.size);
+  return 0;
+}
+
+int32_t kaloExtSetLoopLateThreshold(KaloContext *context, double share) {
+  if (!kalo::is_live(context)) {
+    kaloGlobalError = KALO_ERROR_INVALID_CONTEXT;
+    return -1;
+  }
+  if (!(share >= 0.0 && share <= 1.0)) {
+    context->error_code = KALO_ERROR_INCORRECT_VALUE;
+    return -1;
+  }
+  context->loop.late_share_threshold.store(share, std::memory_order_relaxed);
+  return 0;
 }
 
 } // extern "C"

@@ -133,13 +133,10 @@ void telemetry_cycle_end(KaloContext *ctx, bool answered) {
 }
 
 void telemetry_periodic_call(KaloContext *ctx, uint64_t start_us, uint64_t duration_us,
-                             bool overran) {
+                             bool overran, bool late) {
   Telemetry &t = ctx->link.telemetry;
-  const double period = static_cast<double>(ctx->loop.loop_period_us.load());
-  if (t.previous_call_start_us != 0 &&
-      static_cast<double>(start_us - t.previous_call_start_us) > 1.5 * period)
+  if (late)
     bump(t.counts[kLateCalls]);
-  t.previous_call_start_us = start_us;
   bump(t.counts[kPeriodicCalls]);
   if (overran)
     bump(t.counts[kOverruns]);

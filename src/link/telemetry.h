@@ -30,6 +30,13 @@ inline uint64_t monotonic_us() {
   return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
 }
 
+// The same in nanoseconds, for the exchange thread's own times.
+inline uint64_t monotonic_ns() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
 // Counts that only grow; a reset moves the readers' baseline.
 enum Count {
   kStateFrames,
@@ -58,6 +65,9 @@ struct Telemetry {
   std::atomic<uint32_t> period_us{0};
   std::atomic<uint64_t> last_arrival_us{0};
   std::atomic<uint64_t> last_interarrival_us{0};
+  // The exchange thread's latest turnaround: from a state frame's receive to
+  // the send of its answer (bench_latency reads it).
+  std::atomic<uint64_t> turnaround_ns{0};
   // The latest call of the periodic function (loop thread).
   std::atomic<uint64_t> call_start_us{0};
   std::atomic<uint64_t> call_duration_us{0};
@@ -67,8 +77,6 @@ struct Telemetry {
   StampTracker stamps{kSilenceUs};
   bool frame_this_cycle = false;
   uint64_t last_foreign_event_us = 0;
-  // Loop thread only.
-  uint64_t previous_call_start_us = 0;
 
   // Readers only (never taken on the exchange or loop thread).
   std::mutex reader_mutex;
@@ -106,9 +114,10 @@ void telemetry_state_frame(KaloContext *ctx);
 // The end of one cycle of the exchange thread: `answered` when a command frame
 // went out. Hands the exchange to a running recording. Under the context lock.
 void telemetry_cycle_end(KaloContext *ctx, bool answered);
-// One call of the periodic function ended.
+// One call of the periodic function ended; `late` when it began more than
+// 1.5 periods after the previous call (the loop decides, see take_tick).
 void telemetry_periodic_call(KaloContext *ctx, uint64_t start_us, uint64_t duration_us,
-                             bool overran);
+                             bool overran, bool late);
 // kaloGetForce computed the coupling wrench of the first control point (six
 // floats). Under the context lock.
 void telemetry_coupling_force(KaloContext *ctx, const float *wrench);

@@ -3,6 +3,10 @@
 #include "core_support.h"
 
 #include <atomic>
+#include <cmath>
+#include <memory>
+
+#include "kalo/kalo_ext.h"
 
 namespace {
 
@@ -65,6 +69,63 @@ TEST(CoreLoop, FramesEvery500usTickA1msLoopOnEverySecondFrame) {
   const double ratio = calls_per_frame(std::chrono::microseconds(500));
   EXPECT_GT(ratio, 0.35);
   EXPECT_LT(ratio, 0.55);
+}
+
+// What each periodic call learnt from kaloExtGetLoopTiming.
+struct TimingLog {
+  std::atomic<int> n{0};
+  KaloExtLoopTiming seen[400];
+  static void run(KaloContext *ctx, void *self) {
+    auto *log = static_cast<TimingLog *>(self);
+    const int k = log->n.load();
+    if (k >= 400)
+      return;
+    log->seen[k].size = sizeof(KaloExtLoopTiming);
+    if (kaloExtGetLoopTiming(ctx, &log->seen[k]) != 0)
+      log->seen[k].calls = 0;
+    log->n = k + 1;
+  }
+};
+
+// Frames lost and frames delayed (less than a period, so never reordered):
+// each call is told the controller's time since the previous one, which adds
+// up to the stamps', in whole periods (none for a call that follows a late one
+// back to back), and every frame that arrives is counted once.
+TEST(CoreLoop, EachCallLearnsTheControllersElapsedTimeThroughLossAndDelay) {
+  auto cfg = sim_config();
+  cfg.faults.drop_ratio = 0.1;
+  cfg.faults.delay_ratio = 0.2;
+  cfg.faults.delay_us = 400;
+  Link link(cfg);
+  ASSERT_TRUE(link.open()) << kaloGlobalError;
+  auto log = std::make_unique<TimingLog>();
+  float period = 0.001f;
+  ASSERT_EQ(kaloSetPeriodicFunction(link.ctx, TimingLog::run, &period, log.get()), 0);
+  ASSERT_EQ(kaloStartLoop(link.ctx), 0);
+  ASSERT_TRUE(eventually([&] { return log->n.load() == 400; }, 5000ms));
+  ASSERT_EQ(kaloStopLoop(link.ctx), 0);
+
+  int two_periods = 0;
+  uint64_t frames = 0;
+  for (int k = 1; k < 400; ++k) {
+    const KaloExtLoopTiming &t = log->seen[k];
+    ASSERT_EQ(t.size, sizeof t);
+    EXPECT_EQ(t.calls, log->seen[k - 1].calls + 1);
+    const auto stamps_us = static_cast<double>(t.stamp - log->seen[k - 1].stamp);
+    EXPECT_NEAR(t.controller_elapsed, stamps_us * 1e-6, 1e-9) << "call " << k;
+    const double periods = std::round(t.controller_elapsed / 0.001);
+    // Whole periods, within what the simulator's stamping jitters.
+    EXPECT_NEAR(t.controller_elapsed, periods * 0.001, 250e-6) << "call " << k;
+    EXPECT_EQ(periods == 0.0, t.frames == 0) << "call " << k;
+    EXPECT_EQ(t.arrival_elapsed > 0.0, t.frames > 0) << "call " << k;
+    two_periods += periods == 2.0 && t.frames == 1 ? 1 : 0;
+    frames += t.frames;
+  }
+  EXPECT_GT(two_periods, 10); // about 10 % lost
+  // Every frame counted once: as many as the calls' periods less the lost ones.
+  const double covered = static_cast<double>(log->seen[399].stamp - log->seen[0].stamp) * 1e-3;
+  EXPECT_LE(static_cast<double>(frames), covered);
+  EXPECT_GT(static_cast<double>(frames), 0.8 * covered);
 }
 
 struct SlowCalls {

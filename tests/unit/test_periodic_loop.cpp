@@ -5,16 +5,19 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "device/context.h"
 #include "eventually.h"
 #include "link/loop_rules.h"
 #include "kalo/kalo.h"
+#include "kalo/kalo_ext.h"
 #include "kalo/kalo_realtime.h"
 
 namespace {
@@ -150,6 +153,65 @@ TEST(LoopCalls, EachTickCallsTheFunctionOnceAndASecondStartGives22) {
   EXPECT_EQ(c.calls.load(), 5);
   b.tick();
   EXPECT_TRUE(eventually([&] { return c.calls.load() == 6; }));
+}
+
+struct TimingReader {
+  std::atomic<int> calls{0};
+  KaloExtLoopTiming last{};
+  static void run(KaloContext *ctx, void *self) {
+    auto *r = static_cast<TimingReader *>(self);
+    r->last.size = sizeof r->last;
+    kaloExtGetLoopTiming(ctx, &r->last);
+    r->calls++;
+  }
+};
+
+TEST(LoopTiming, CountsCallsAndChecksItsArguments) {
+  BareContext b;
+  TimingReader r;
+  float period = 0.001f;
+  KaloExtLoopTiming t{};
+  t.size = sizeof t;
+  ASSERT_EQ(kaloExtGetLoopTiming(b.ctx, &t), 0); // before any call: zeros
+  EXPECT_EQ(t.calls, 0u);
+  ASSERT_EQ(kaloSetPeriodicFunction(b.ctx, TimingReader::run, &period, &r), 0);
+  ASSERT_EQ(kaloStartLoop(b.ctx), 0);
+  b.tick(); // a wake-up without a frame behind it: no time passed
+  ASSERT_TRUE(eventually([&] { return r.calls.load() == 1; }));
+  EXPECT_EQ(r.last.size, sizeof r.last);
+  EXPECT_EQ(r.last.calls, 1u);
+  EXPECT_EQ(r.last.frames, 0u);
+  EXPECT_EQ(r.last.controller_elapsed, 0.0);
+  std::this_thread::sleep_for(5ms); // more than 1.5 periods
+  b.tick();
+  ASSERT_TRUE(eventually([&] { return r.calls.load() == 2; }));
+  EXPECT_EQ(r.last.late, 1u);
+  EXPECT_EQ(r.last.late_calls, 1u);
+  ASSERT_EQ(kaloStopLoop(b.ctx), 0);
+
+  // A short record is filled up to its size; a bad one is refused.
+  KaloExtLoopTiming small{};
+  small.size = 8;
+  small.calls = 77;
+  ASSERT_EQ(kaloExtGetLoopTiming(b.ctx, &small), 0);
+  EXPECT_EQ(small.size, 8u);
+  EXPECT_EQ(small.calls, 77u);
+  small.size = 7;
+  EXPECT_EQ(kaloExtGetLoopTiming(b.ctx, &small), -1);
+  EXPECT_EQ(kaloGetErrorCode(b.ctx), KALO_ERROR_INCORRECT_VALUE);
+  EXPECT_EQ(kaloExtGetLoopTiming(b.ctx, nullptr), -1);
+  kaloGlobalError = 0;
+  EXPECT_EQ(kaloExtGetLoopTiming(nullptr, &t), -1);
+  EXPECT_EQ(kaloGlobalError, KALO_ERROR_INVALID_CONTEXT);
+
+  for (double bad : {-0.01, 1.01, std::nan("")}) {
+    b.ctx->error_code = 0;
+    EXPECT_EQ(kaloExtSetLoopLateThreshold(b.ctx, bad), -1) << bad;
+    EXPECT_EQ(kaloGetErrorCode(b.ctx), KALO_ERROR_INCORRECT_VALUE);
+  }
+  EXPECT_EQ(b.ctx->loop.late_share_threshold.load(), 0.02); // the default, untouched
+  EXPECT_EQ(kaloExtSetLoopLateThreshold(b.ctx, 0.05), 0);
+  EXPECT_EQ(b.ctx->loop.late_share_threshold.load(), 0.05);
 }
 
 struct Slow {
@@ -301,6 +363,120 @@ TEST(LoopRules, TickRuleFiresTwoHundredMicrosecondsEarly) {
   EXPECT_EQ(ticks_over(100, 1000, 0.0f), 100);   // a zero period ticks on every frame
   // A tick time later than the frame (clock read after the frame) is not a huge gap.
   EXPECT_FALSE(kalo::loop_tick_due(1000, 1010, 1000.0f));
+}
+
+// One frame for the ticker: arrival (us), stamp (us), whether it is stamped.
+struct Frame {
+  uint64_t arrival;
+  uint32_t stamp;
+  bool stamped;
+};
+
+// Runs frames through a running loop's ticker (the first frame only sets the
+// reference, as a frame before the start does) and returns which ticked.
+std::string ticks_of(const std::vector<Frame> &frames, float period_us = 1000.0f) {
+  kalo::LoopTicker ticker;
+  std::string out;
+  for (size_t k = 0; k < frames.size(); ++k) {
+    const kalo::TickFrame f{frames[k].arrival, frames[k].stamp, frames[k].stamped};
+    if (k == 0)
+      ticker.rest(f);
+    else
+      out += ticker.due(f, period_us) ? 'T' : '.';
+  }
+  return out;
+}
+
+// Frames every `step` us of the controller's clock starting at `stamp0`,
+// arriving `delay[k]` us late.
+std::vector<Frame> stamped(int n, uint32_t step, uint32_t stamp0, std::vector<uint64_t> delay = {},
+                           bool with_stamps = true) {
+  std::vector<Frame> frames;
+  for (int k = 0; k < n; ++k) {
+    const uint64_t late = static_cast<size_t>(k) < delay.size() ? delay[static_cast<size_t>(k)] : 0;
+    frames.push_back({1000000 + static_cast<uint64_t>(k) * step + late,
+                      stamp0 + static_cast<uint32_t>(k) * step, with_stamps});
+  }
+  return frames;
+}
+
+TEST(LoopTicker, TicksInTheControllersTimeAndKeepsTheDefinedCases) {
+  const std::vector<uint64_t> jitter = {0, 0, 400, 0, 0, 350, 0, 0, 0};
+  struct Case {
+    const char *what;
+    std::vector<Frame> frames;
+    std::string ticks;
+  } cases[] = {
+      {"900 us frames tick every frame", stamped(7, 900, 5000), "TTTTTT"},
+      {"500 us frames tick every second frame", stamped(9, 500, 5000), ".T.T.T.T"},
+      {"the first tick waits a whole period", stamped(4, 300, 5000), "..T"},
+      {"a delayed frame costs the next one nothing", stamped(9, 1000, 5000, jitter), "TTTTTTTT"},
+      {"stamps that wrap around", stamped(6, 1000, 0xFFFFF000u), "TTTTT"},
+      {"a lost frame: the next ticks", {{1000, 100, true}, {3000, 2100, true}}, "T"},
+      // Without stamps the arrival times decide, as they always did: the
+      // delayed frame makes the punctual one after it miss its tick.
+      {"no stamps: arrival times", stamped(9, 1000, 5000, jitter, false), "TT.TT.TT"},
+      {"no stamps: 500 us frames", stamped(5, 500, 0, {}, false), ".T.T"},
+      {"a constant stamp is no stamp", {{0, 7, true}, {900, 7, true}, {1400, 7, true}}, "T."},
+      {"a reordered frame does not tick",
+       {{0, 5000, true}, {1000, 6000, true}, {1100, 5500, true}, {2000, 7000, true}},
+       "T.T"},
+      {"a controller restarting from a small stamp ticks at once",
+       {{0, 90000000, true}, {1000, 90001000, true}, {1500, 10, true}, {2500, 1010, true}},
+       "TTT"},
+  };
+  for (const Case &c : cases) {
+    const std::string ticks = ticks_of(c.frames);
+    EXPECT_EQ(ticks.substr(0, c.ticks.size()), c.ticks) << c.what;
+  }
+}
+
+TEST(LoopTicker, TellsTheControllersElapsedTimeBetweenTicks) {
+  kalo::LoopTicker t;
+  t.rest({0, 1000, true});
+  ASSERT_TRUE(t.due({1200, 2000, true}, 1000.0f)); // arrived 200 us late
+  EXPECT_EQ(t.elapsed_clock_us(), 1000u);
+  EXPECT_EQ(t.elapsed_arrival_us(), 1200u);
+  ASSERT_TRUE(t.due({2000, 3000, true}, 1000.0f));
+  EXPECT_EQ(t.elapsed_clock_us(), 1000u);
+  EXPECT_EQ(t.elapsed_arrival_us(), 800u);
+  EXPECT_FALSE(t.due({2600, 3500, true}, 1000.0f)); // 500 us frames from here
+  ASSERT_TRUE(t.due({3000, 4000, true}, 1000.0f));
+  EXPECT_EQ(t.elapsed_clock_us(), 1000u);
+  ASSERT_TRUE(t.due({5000, 6000, true}, 1000.0f)); // a frame lost
+  EXPECT_EQ(t.elapsed_clock_us(), 2000u);
+  EXPECT_EQ(t.clock_us(), 5000u);
+  // A controller that stops stamping: its time is the arrival time.
+  ASSERT_TRUE(t.due({6100, 0, false}, 1000.0f));
+  EXPECT_EQ(t.elapsed_clock_us(), 1100u);
+}
+
+TEST(LateWatch, RaisesAtMostOnceASecondWhenTheShareOfLateCallsExceedsTheThreshold) {
+  kalo::LateWatch w;
+  double share = -1;
+  int events = 0;
+  uint64_t first_event = 0;
+  // 1 kHz, every 40th call late (2.5 %), for 3 s.
+  for (uint64_t k = 0; k < 3000; ++k) {
+    if (w.add(k * 1000, k % 40 == 39, 0.02, &share)) {
+      if (events++ == 0)
+        first_event = k * 1000;
+      EXPECT_NEAR(share, 0.025, 0.002);
+    }
+  }
+  EXPECT_GE(first_event, 900000u); // judged once the window spans a second
+  EXPECT_LT(first_event, 1100000u);
+  EXPECT_EQ(events, 3); // at 0.9 s, then one a second: 1.9 s, 2.9 s
+
+  // Below the threshold: nothing. The window moves: old late calls leave it.
+  kalo::LateWatch quiet;
+  int raised = 0;
+  for (uint64_t k = 0; k < 3000; ++k) {
+    const bool late = k < 100 || k % 100 == 99; // a bad start, then 1 %
+    raised += quiet.add(k * 1000, late, 0.02, &share) ? 1 : 0;
+  }
+  EXPECT_EQ(raised, 1); // the bad start, once the window is judged; then never again
+  EXPECT_NEAR(share, 0.01, 0.002);
 }
 
 } // namespace
