@@ -102,20 +102,24 @@ void react_to_state(KaloContext *ctx, int &pending_request) {
   kalo::clear_changes(state);
 }
 
-// Ticks the periodic loop when a period has elapsed since the previous tick,
-// in the controller's time (LoopTicker), and hands the loop thread the tick's
-// record. The ticker and the ring have this thread as their only writer.
-void tick_loop(KaloContext *ctx, const kalo::TickFrame &frame, uint64_t frames) {
+// Decides whether the frame ticks the periodic loop (a period elapsed since
+// the previous tick, in the controller's time: LoopTicker) and hands the loop
+// thread the tick's record; true when the loop is to be woken. The wake-up
+// itself waits until the frame is answered: a loop thread woken at once takes
+// the processor and the context's lock that the answer needs, and the
+// controller would wait for the application's call. The ticker and the ring
+// have this thread as their only writer.
+bool tick_loop(KaloContext *ctx, const kalo::TickFrame &frame, uint64_t frames) {
   kalo::LoopState &loop = ctx->loop;
   if (loop.loop_running.load() == 0) {
     // The first tick after a start waits one whole period.
     loop.ticker.rest(frame);
     loop.last_tick_time = frame.arrival_us;
-    return;
+    return false;
   }
   loop.last_frame_time = frame.arrival_us;
   if (!loop.ticker.due(frame, loop.loop_period_us.load()))
-    return;
+    return false;
   loop.last_tick_time = frame.arrival_us;
   const uint64_t n = loop.ticks_published.load(std::memory_order_relaxed);
   kalo::LoopState::TickRecord &r = loop.ticks[n % kalo::LoopState::kTickRing];
@@ -128,7 +132,7 @@ void tick_loop(KaloContext *ctx, const kalo::TickFrame &frame, uint64_t frames) 
   r.elapsed_arrival_us.store(loop.ticker.elapsed_arrival_us(), std::memory_order_relaxed);
   r.sequence.store(n + 1, std::memory_order_release);
   loop.ticks_published.store(n + 1, std::memory_order_release);
-  TR_poster_semaphore(loop.loop_sem);
+  return true;
 }
 
 // Ends the thread: letting go is the thread's last access to the context.
@@ -173,6 +177,7 @@ void *_backendThread(void *context) {
   for (;;) {
     errno = 0;
     received_ns = 0;
+    bool wake_loop = false;
     kalo::Arrival arrival = kalo::Arrival::nothing;
     const bool may_relock = getTime(ctx) - last_heard >= kSilenceUs;
     const int received = kalo::receive_frame(
@@ -221,7 +226,7 @@ void *_backendThread(void *context) {
         tick_frame.stamp = static_cast<uint32_t>(state.time_stamp);
         frames = ctx->link.frames_received;
       }
-      tick_loop(ctx, tick_frame, frames);
+      wake_loop = tick_loop(ctx, tick_frame, frames);
       ContextLock hold(ctx);
       react_to_state(ctx, pending_request);
       // The speed-factor filter steps once per frame. Its input is written by
@@ -264,6 +269,8 @@ void *_backendThread(void *context) {
         break;
       }
     }
+    if (wake_loop)
+      TR_poster_semaphore(ctx->loop.loop_sem);
     if (ctx->link.backend_stop.load() != 0)
       break;
   }
