@@ -6,6 +6,7 @@ import math
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -284,11 +285,24 @@ def test_simulator_options_and_start_failure(monkeypatch):
         kalo.sim.Simulator(rate="fast")
 
 
-@pytest.mark.parametrize("example, args", [("first_contact.py", []), ("coupling.py", ["1"])])
-def test_examples_run_to_the_end(example, args):
+# example, its arguments after the URL, whether Ctrl-C comes once it runs
+@pytest.mark.parametrize("example, args, interrupted", [
+    ("first_contact.py", [], False), ("coupling.py", ["1"], False), ("coupling.py", ["60"], True)])
+def test_examples_run_to_the_end(example, args, interrupted):
     package_dir = os.path.dirname(os.path.dirname(kalo.__file__))
-    env = dict(os.environ, PYTHONPATH=os.pathsep.join([package_dir, os.environ.get("PYTHONPATH", "")]))
+    env = dict(os.environ, PYTHONUNBUFFERED="1",
+               PYTHONPATH=os.pathsep.join([package_dir, os.environ.get("PYTHONPATH", "")]))
     with kalo.sim.Simulator(hand="circle") as sim:
-        run = subprocess.run([sys.executable, str(ROOT / "examples/python" / example), sim.url, *args],
-                             capture_output=True, text=True, timeout=60, env=env)
-    assert run.returncode == 0, run.stdout + run.stderr
+        process = subprocess.Popen([sys.executable, str(ROOT / "examples/python" / example), sim.url, *args],
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=env)
+        shown = ""
+        if interrupted:  # once the first status line shows the loop running
+            assert process.stdout is not None
+            while "late=" not in shown:
+                shown += process.stdout.read(1)
+                assert process.poll() is None, process.communicate()
+            process.send_signal(signal.SIGINT)
+        out, err = process.communicate(timeout=60)
+        out = shown + out
+    assert process.returncode == 0 and "Traceback" not in err, out + err
+    assert "periodic calls" in out
