@@ -83,7 +83,7 @@ TEST(CoreConcurrency, FourThreadsAndTheLoopForTenSeconds) {
       last_written[t] = value;
     });
   }
-  std::this_thread::sleep_for(10s);
+  std::this_thread::sleep_for(4s);
   stop = true;
   for (auto &th : threads)
     th.join();
@@ -95,7 +95,7 @@ TEST(CoreConcurrency, FourThreadsAndTheLoopForTenSeconds) {
     EXPECT_GT(questions[t], 10) << "thread " << t;
   }
   EXPECT_EQ(loop.failures.load(), 0);
-  EXPECT_GT(loop.calls.load(), 5000); // about 10,000 frames in 10 s
+  EXPECT_GT(loop.calls.load(), 2000); // about 4,000 frames in 4 s
   EXPECT_EQ(kaloGetErrorCode(ctx), 0);
 
   // Every field's values only grow at the controller, and the last one arrived.

@@ -126,10 +126,14 @@ struct Asking {
 TEST(CoreLifetime, ThePeriodicFunctionsCallsDuringTheCloseAreAnswered) {
   Link link(sim_config());
   ASSERT_TRUE(link.open()) << kaloGlobalError;
+  // The context is held by the application and by each running thread: the
+  // last to let go releases it, never one of them under another.
+  EXPECT_EQ(link.ctx->lifetime.holders.load(), 2u);
   Asking asking;
   float period = 0.001f;
   ASSERT_EQ(kaloSetPeriodicFunction(link.ctx, Asking::run, &period, &asking), 0);
   ASSERT_EQ(kaloStartLoop(link.ctx), 0);
+  EXPECT_EQ(link.ctx->lifetime.holders.load(), 3u);
   ASSERT_TRUE(eventually([&] { return asking.calls.load() >= 5; }));
   EXPECT_EQ(link.close(), 0);
   EXPECT_EQ(asking.failed.load(), 0) << "of " << asking.calls.load() << " calls";
