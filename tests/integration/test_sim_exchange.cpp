@@ -6,6 +6,7 @@
 #include <set>
 
 #include "alloc_counter.h"
+#include "protocol/field_values.h"
 #include "raw_client.h"
 #include "simulator.h"
 
@@ -413,3 +414,28 @@ TEST(SimExchange, FrameLoopAllocatesNothingOnceStreaming) {
 }
 
 } // namespace
+
+// The catalogue's names and values, which the simulator's --set, its trace and
+// the tests use: every name leads back to its field, and values go in and
+// come out in wire order, first one included.
+TEST(FieldCatalogue, NamesLeadBackToTheirFieldsAndValuesKeepTheirOrder) {
+  for (int id = 1; id <= kalo::kFieldCount; ++id) {
+    const char *name = kalo::field_name(id);
+    ASSERT_NE(*name, '\0') << id;
+    EXPECT_EQ(kalo::field_by_name(name), id) << name;
+  }
+  for (const char *unknown : {"", "no_such_field", "field_0"})
+    EXPECT_EQ(kalo::field_by_name(unknown), 0) << unknown;
+  EXPECT_STREQ(kalo::field_name(0), "");
+  EXPECT_STREQ(kalo::field_name(kalo::kFieldCount + 1), "");
+
+  auto record = std::make_unique<ExchangeRecord>();
+  record->control_point_count = 1;
+  const double pose[7] = {1, 2, 3, 0.5, 0.25, 0.125, 0.75};
+  EXPECT_EQ(kalo::put_values(*record, Field::position, pose), 7u);
+  EXPECT_EQ(record->position[0], 1.0f);
+  EXPECT_EQ(record->position[6], 0.75f);
+  std::string text;
+  kalo::append_values(*record, Field::position, text);
+  EXPECT_EQ(text, "1 2 3 0.5 0.25 0.125 0.75");
+}

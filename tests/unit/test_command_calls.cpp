@@ -201,6 +201,18 @@ TEST(SetPoints, PositionOutsideTheCouplingTypesIsSentAsGiven) {
   EXPECT_EQ(f.posted(), "14,61") << "no power handling outside the coupling types";
 }
 
+TEST(SetPoints, APositionRestartsAStoppedSpeedFactorSmoothingFromTheTarget) {
+  CommandContext f(2);
+  KaloContext *c = f.get();
+  c->servo.filter_disabled = 1; // as after opening, or after command type 3
+  c->servo.speed_factor_target->donnees[0] = 0.5;
+  c->servo.speed_factor_filtered->donnees[0] = 1.0;
+  const float pose[7] = {0.1f, -0.2f, 0.3f, 0, 0, 0, 1};
+  ASSERT_EQ(kaloSetPosition(c, pose), 0);
+  EXPECT_EQ(c->servo.filter_disabled.load(), 0u) << "the exchange thread steps it again";
+  EXPECT_EQ(c->servo.speed_factor_filtered->donnees[0], 0.5) << "it starts from the target";
+}
+
 TEST(SetPoints, InvalidQuaternionGives9AndKeepsTheConnection) {
   CommandContext f(6);
   KaloContext *c = f.get();

@@ -41,9 +41,9 @@ TEST(EnergyThresholds, FromMassInertiaAndMaximumSpeeds) {
 
 TEST(EnergyPosition, FirstCallAfterRestartOnlyInitialises) {
   ServoContext s;
-  EXPECT_EQ(command(s, 100.0f), 0); // a wild pose: no estimate yet
+  EXPECT_EQ(command(s, 100.0f, 0.3f), 0); // a wild pose: no estimate yet
   EXPECT_EQ(s.point().pos_trans.E, 0.0);
-  EXPECT_EQ(command(s, 100.0f), 0); // repeated: zero speed, zero energy
+  EXPECT_EQ(command(s, 100.0f, 0.3f), 0); // repeated, turned or not: zero speed, zero energy
   EXPECT_EQ(s.point().pos_trans.E, 0.0);
   EXPECT_EQ(s.point().pos_rot.E, 0.0);
   deactive_control_ener_cine(s.get());
