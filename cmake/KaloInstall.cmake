@@ -64,5 +64,6 @@ if(KALO_PROGRAMS)
 endif()
 
 # The examples' sources, to read and to copy from.
-file(GLOB KALO_EXAMPLE_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.c)
+file(GLOB KALO_EXAMPLE_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.c
+     ${PROJECT_SOURCE_DIR}/examples/*.xml ${PROJECT_SOURCE_DIR}/examples/*.py)
 install(FILES ${KALO_EXAMPLE_SOURCES} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT dev)

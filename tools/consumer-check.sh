@@ -88,4 +88,16 @@ echo "consumer check: running the find_package build against kalo-sim on $url"
 "$work/cmake/kalo_consumer" "$url"
 echo "consumer check: running the pkg-config build against kalo-sim on $url"
 LD_LIBRARY_PATH="$libdir" "$work/pc/kalo_consumer" "$url"
+
+# The MuJoCo example from the installed sources, when MuJoCo is installed.
+examples="$prefix/share/doc/kalo/examples"
+if [ -f "$examples/mujoco_push.c" ] && compgen -G "/usr/lib/*/cmake/mujoco/mujocoConfig.cmake" >/dev/null; then
+  echo "consumer check: the MuJoCo example from $examples, against kalo-sim"
+  cmake -S "$source_dir/tests/consumer/mujoco" -B "$work/mujoco" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DKALO_EXAMPLES="$examples" >"$work/mujoco.log" || { cat "$work/mujoco.log"; fail "configuring the MuJoCo example failed"; }
+  cmake --build "$work/mujoco" >"$work/mujoco-build.log" ||
+    { cat "$work/mujoco-build.log"; fail "building the MuJoCo example failed"; }
+  "$work/mujoco/mujoco_push" --scene "$examples/mujoco_push.xml" --seconds 1 "$url" >"$work/mujoco-run.log" ||
+    { cat "$work/mujoco-run.log"; fail "the MuJoCo example failed"; }
+fi
 echo "consumer check: passed"

@@ -13,7 +13,10 @@ set -euo pipefail
 # python3-matplotlib: the quick start draws the coupling session with tools/kalo-plot.
 main_packages="cmake g++ make pkg-config libtirpc-dev python3-matplotlib"
 test_packages="libgtest-dev libgmock-dev libeigen3-dev libbenchmark-dev binutils doxygen
-  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev python3-numpy python3-pytest python3-mypy dpkg-dev file"
+  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev python3-numpy python3-pytest python3-mypy dpkg-dev file
+  libmujoco-dev libqhull-dev libgl-dev libopengl-dev"
+# (MuJoCo for examples/mujoco_push.c; Debian's CMake package of it also names
+# qhull's headers and OpenGL without depending on them.)
 
 case "${1:-main}" in
   main) wanted="$main_packages" ;;

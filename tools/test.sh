@@ -16,6 +16,7 @@ if command -v ccache >/dev/null; then
   launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
 cmake -S . -B "$build" -DKALO_WERROR=ON -DKALO_BUILD_TESTS=ON -DKALO_BUILD_SIM=ON -DKALO_BUILD_BENCH=ON \
+  -DKALO_BUILD_MUJOCO=ON \
   "${launcher[@]}"
 cmake --build "$build" -j"$jobs"
 ctest --test-dir "$build" --output-on-failure -j"$jobs"

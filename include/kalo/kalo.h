@@ -69,6 +69,9 @@
 /**
  * @mainpage kalo: client library of a force-feedback arm's controller
  *
+ * New here? The @ref guide walks from the quick start to a physics engine on
+ * the arm, a machine set up for 1 kHz and reading the link.
+ *
  * An application opens a connection with kaloOpen(), chooses a command type,
  * streams set-points and reads the arm's state through the calls of kalo.h,
  * then closes the connection with kaloClose(). Start with the conventions of
