@@ -245,13 +245,14 @@ static int step_scene(struct app *a, double elapsed) {
 
 /* Stops the loop from inside it, with the reason for the main thread. */
 static void fail_in_loop(struct app *a, KaloContext *arm, const char *what) {
+  const char *detail = kaloExtLastErrorDetail();
   int32_t code = kaloGetErrorCode(arm);
   pthread_mutex_lock(&a->lock);
   if (!a->failed) {
     a->failed = 1;
     if (code != 0)
-      snprintf(a->failure, sizeof a->failure, "%s: %s (%d)", what, kaloGetErrorMessage(code),
-               (int)code);
+      snprintf(a->failure, sizeof a->failure, "%s: %s (%d)%s%s", what, kaloGetErrorMessage(code),
+               (int)code, detail[0] ? ": " : "", detail);
     else
       snprintf(a->failure, sizeof a->failure, "%s", what);
   }
@@ -367,9 +368,13 @@ static void tick(KaloContext *arm, void *user_data) {
 
 /* ---- the main thread ---------------------------------------------------- */
 
+/* The failure of a call: its code's text and, when the library has more to
+ * say, its details (read right after the call, on the same thread). */
 static int arm_failed(KaloContext *arm, const char *what) {
+  const char *detail = kaloExtLastErrorDetail();
   int32_t code = arm != NULL ? kaloGetErrorCode(arm) : kaloGlobalError;
-  fprintf(stderr, "mujoco_push: %s failed: %s (%d)\n", what, kaloGetErrorMessage(code), (int)code);
+  fprintf(stderr, "mujoco_push: %s failed: %s (%d)%s%s\n", what, kaloGetErrorMessage(code),
+          (int)code, detail[0] ? ": " : "", detail);
   return 1;
 }
 
