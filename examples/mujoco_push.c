@@ -299,15 +299,26 @@ static void tick(KaloContext *arm, void *user_data) {
         ((a->carry_calls >= CARRY_MIN_CALLS && !timing.late && a->last_call_s < 0.5 * a->period) ||
          a->carry_calls >= CARRY_MAX_CALLS))
       a->coupled = 1;
-  } else {
-    double t0;
+  } else if (elapsed > 0) {
+    double t0 = now_s();
+    /* After a lost frame or a late call, first bring the tool up to this
+     * frame's time under the previous call's wrench (still in xfrc_applied),
+     * so that the coupling compares handle and tool at the same time; then
+     * one period under the new wrench, as in every call. */
+    if (elapsed > 1.5 * a->period) {
+      r.steps = step_scene(a, elapsed - a->period);
+      if (read_tool(a, tool, tool_speed) != 0 || kaloSetPosition(arm, tool) != 0 ||
+          kaloSetSpeed(arm, tool_speed) != 0) {
+        fail_in_loop(a, arm, "sending the tool's pose and speed");
+        return;
+      }
+    }
     if (kaloGetForce(arm, wrench) != 0) {
       fail_in_loop(a, arm, "kaloGetForce");
       return;
     }
-    t0 = now_s();
     apply_wrench(a, wrench);
-    r.steps = step_scene(a, elapsed);
+    r.steps += step_scene(a, elapsed > 1.5 * a->period ? a->period : elapsed);
     stepped_s = now_s() - t0;
     r.elapsed = elapsed;
   }
