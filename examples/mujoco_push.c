@@ -83,7 +83,6 @@ struct app {
   unsigned long carry_calls;
   double budget;      /* s of controller time not yet stepped */
   double last_call_s; /* duration of the previous call */
-  int warnings;       /* MuJoCo's warning count at the last check */
 
   /* Shared with the main thread, under lock. */
   pthread_mutex_t lock;
@@ -325,8 +324,9 @@ static void tick(KaloContext *arm, void *user_data) {
   /* [step] */
   warnings = a->data->warning[mjWARN_BADQPOS].number + a->data->warning[mjWARN_BADQVEL].number +
              a->data->warning[mjWARN_BADQACC].number;
-  if (warnings != a->warnings) {
-    /* MuJoCo reset the scene: sending it would jerk the arm. */
+  if (warnings != 0) {
+    /* A number went bad and MuJoCo reset the scene: sending it would jerk
+     * the arm. */
     fail_in_loop(a, arm, "the scene became unstable (MuJoCo reset it)");
     return;
   }
