@@ -1,5 +1,5 @@
 // One simulator and one library connection shared by the tests of a fixture
-// (opening and closing take seconds), with the helpers that wait for the
+// (fewer connections to open), with the helpers that wait for the
 // library to catch up with the simulator and check what it sent.
 #pragma once
 
@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "core_support.h"
 #include "device/call_frame.h"
 #include "eventually.h"
 #include "device/context.h"
@@ -68,21 +69,21 @@ private:
   FILE *saved_ = nullptr;
 };
 
-// Fixture base: Remote is the simulator's port, Local the library's.
-template <uint16_t Remote, uint16_t Local> class SimulatedDevice : public ::testing::Test {
+// Fixture base: the simulator on a port the kernel picks and the library on a
+// local port free at the time, so that fixtures of parallel test runs never
+// collide.
+class SimulatedDevice : public ::testing::Test {
 protected:
   static inline kalo::sim::Simulator *sim = nullptr;
   static inline KaloContext *ctx = nullptr;
 
   static void SetUpTestSuite() {
     kalo::sim::Config cfg;
-    cfg.port = Remote;
+    cfg.port = 0;
     sim = new kalo::sim::Simulator(cfg);
     std::string why;
     ASSERT_TRUE(sim->start(&why)) << why;
-    const std::string url =
-        "udpxdr://127.0.0.1:" + std::to_string(Local) + "#" + std::to_string(Remote);
-    ctx = kaloOpen(url.c_str());
+    ctx = kaloOpen(core_test::url_for(core_test::free_udp_port(), sim->port()).c_str());
     ASSERT_NE(ctx, nullptr) << "kaloOpen: " << kaloGetErrorMessage(kaloGlobalError);
     // Opening ends by telling the controller our version; that frame belongs
     // to the opening, not to the first test.

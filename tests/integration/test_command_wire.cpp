@@ -19,7 +19,7 @@ namespace {
 const float kIdentity[7] = {0, 0, 0, 0, 0, 0, 1};
 const float kZero6[6] = {0, 0, 0, 0, 0, 0};
 
-class Driving : public SimulatedDevice<17811, 17812> {
+class Driving : public SimulatedDevice {
 protected:
   static void set_type(uint32_t type) { ASSERT_EQ(kaloSetCommandType(ctx, type), 0); }
   static uint32_t controller_type() {
@@ -213,7 +213,7 @@ TEST_F(Driving, SpeedFactorIsSmoothedOutsideCommandTypeThree) {
 // A non-finite set-point closes the connection before it can reach the arm.
 TEST(NonFiniteSetPoint, ClosesTheConnectionAndNeverReachesTheWire) {
   kalo::sim::Config cfg;
-  cfg.port = 17821;
+  cfg.port = 0;
   kalo::sim::Simulator sim(cfg);
   std::string why;
   ASSERT_TRUE(sim.start(&why)) << why;
@@ -248,7 +248,7 @@ TEST(NonFiniteSetPoint, ClosesTheConnectionAndNeverReachesTheWire) {
   };
   bool use_nan = true;
   for (const Case &c : cases) {
-    KaloContext *ctx = kaloOpen("udpxdr://127.0.0.1:17822#17821");
+    KaloContext *ctx = kaloOpen(core_test::url_for(core_test::free_udp_port(), sim.port()).c_str());
     ASSERT_NE(ctx, nullptr) << c.call;
     if (c.type != 0) {
       ASSERT_EQ(kaloSetCommandType(ctx, c.type), 0);

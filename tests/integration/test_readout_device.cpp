@@ -12,7 +12,7 @@ using namespace readout_it;
 
 namespace {
 
-class Readout : public SimulatedDevice<17711, 17712> {
+class Readout : public SimulatedDevice {
 protected:
   // Waits until the library has seen what the simulator now sends.
   static void settle(const std::function<bool()> &seen) {

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core_support.h"
 #include "simulator.h"
 
 namespace {
@@ -44,17 +45,18 @@ TEST(Monitor, OneSnapshotShowsButtonsPowerFailuresAndAlarms) {
     GTEST_SKIP() << "kalo-monitor not built";
 
   kalo::sim::Config cfg;
-  cfg.port = 17741;
+  cfg.port = 0;
   kalo::sim::Simulator sim(cfg);
   ASSERT_TRUE(sim.start());
+  const std::string url = core_test::url_for(core_test::free_udp_port(), sim.port());
   sim.set_buttons(0x8005);
   sim.set_failure(0x0004);
   sim.set_alarm(1u << 19);
   sim.set_power(true);
 
-  const auto [out, status] = run(tool + " --once udpxdr://127.0.0.1:17742#17741");
+  const auto [out, status] = run(tool + " --once " + url);
   EXPECT_EQ(status, 0) << out;
-  EXPECT_NE(out.find("kalo-monitor  udpxdr://127.0.0.1:17742#17741\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("kalo-monitor  " + url + "\n"), std::string::npos) << out;
   EXPECT_NE(out.find("buttons   1 3 16\n"), std::string::npos) << out;
   EXPECT_NE(out.find("power     on\n"), std::string::npos) << out;
   EXPECT_NE(out.find("failures  3\n"), std::string::npos) << out;
@@ -82,10 +84,11 @@ TEST(Monitor, ExitsWithAReasonWhenTheControllerFallsSilent) {
   if (tool.empty() || access(tool.c_str(), X_OK) != 0)
     GTEST_SKIP() << "kalo-monitor not built";
   kalo::sim::Config cfg;
-  cfg.port = 17743;
+  cfg.port = 0;
   kalo::sim::Simulator sim(cfg);
   ASSERT_TRUE(sim.start());
-  FILE *p = popen((tool + " --period 0.05 udpxdr://127.0.0.1:17744#17743 2>&1").c_str(), "r");
+  const std::string url = core_test::url_for(core_test::free_udp_port(), sim.port());
+  FILE *p = popen((tool + " --period 0.05 " + url + " 2>&1").c_str(), "r");
   ASSERT_NE(p, nullptr);
   std::string out;
   char line[512];

@@ -13,8 +13,6 @@ using namespace readout_it;
 
 namespace {
 
-constexpr uint16_t kRemote = 17731, kLocal = 17732;
-
 struct Controller {
   kalo::sim::Simulator sim;
   KaloContext *ctx = nullptr;
@@ -22,9 +20,7 @@ struct Controller {
   Controller(int major, int minor) : sim(config(major, minor)) {
     std::string why;
     EXPECT_TRUE(sim.start(&why)) << why;
-    const std::string url =
-        "udpxdr://127.0.0.1:" + std::to_string(kLocal) + "#" + std::to_string(kRemote);
-    ctx = kaloOpen(url.c_str());
+    ctx = kaloOpen(core_test::url_for(core_test::free_udp_port(), sim.port()).c_str());
     EXPECT_NE(ctx, nullptr);
     EXPECT_TRUE(sim.wait_for_frame_with(Field::api_version, 1000ms).has_value());
     (void)sim.take_received();
@@ -35,7 +31,7 @@ struct Controller {
   }
   static kalo::sim::Config config(int major, int minor) {
     kalo::sim::Config cfg;
-    cfg.port = kRemote;
+    cfg.port = 0;
     cfg.version_major = major;
     cfg.version_minor = minor;
     return cfg;

@@ -14,7 +14,7 @@ using namespace readout_it;
 
 namespace {
 
-class VirtualMechanism : public SimulatedDevice<17721, 17722> {
+class VirtualMechanism : public SimulatedDevice {
 protected:
   void SetUp() override {
     SimulatedDevice::SetUp();
