@@ -93,10 +93,12 @@ def test_every_call_reaches_the_wire_and_reads_back(tmp_path):
             force[0, 0] = value
             arm.set_force(force)
             arm.get_command_type()  # a query's round trip: the set-point has gone out
-        joints, pose = np.empty(6, np.float32), np.empty((1, 7), np.float32)
+        joints, pose = np.empty(6, np.float32), np.full((1, 7), np.nan, np.float32)
         assert arm.get_articular_position(out=joints) is joints and arm.get_position(out=pose) is pose
         np.testing.assert_allclose(joints, SIM_STATE["joints"])
-        np.testing.assert_array_equal(pose, arm.get_position())
+        # The handle moves under the force, so a second read need not match:
+        # the caller's array holds a whole pose (a unit quaternion).
+        assert np.isfinite(pose).all() and np.linalg.norm(pose[0, 3:]) == pytest.approx(1, abs=1e-4)
     assert returned["vm_get_traj_samples"].shape == (3, 7)
     assert returned["get_force"].shape == (1, 6)
     sent = sent_fields(trace)
