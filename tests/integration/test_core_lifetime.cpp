@@ -171,6 +171,12 @@ TEST(CoreLifetime, AFunctionThatDoesNotComeBackHoldsTheCloseOnlyForItsLimits) {
   KaloContext *ctx = link.ctx;
   link.ctx = nullptr;
   auto closing = std::async(std::launch::async, [ctx] { return kaloClose(ctx); });
+  // While that close waits for the stuck call (the loop thread's hold keeps
+  // the record), a second close of the same handle is refused, -1 and code 3,
+  // and leaves the first one to finish.
+  ASSERT_TRUE(eventually([&] { return ctx->lifetime.close_claimed.load() != 0; }, 1000ms));
+  EXPECT_EQ(kaloClose(ctx), -1);
+  EXPECT_EQ(kaloGlobalError, KALO_ERROR_INVALID_CONTEXT);
   const bool returned = closing.wait_for(10s) == std::future_status::ready;
   EXPECT_TRUE(returned) << "kaloClose waits for a call that never ends";
   EXPECT_TRUE(link.sim.wait_for_frame_with(Field::close_request, 1000ms).has_value());
