@@ -21,10 +21,29 @@ static void on_interrupt(int sig) {
   interrupted = 1;
 }
 
+/* The count of calls, shared by the library's loop thread (which adds to it)
+ * and the main thread (which prints it): the lock is held only to add or to
+ * copy, so the periodic function never waits on the printing. */
+struct call_count {
+  pthread_mutex_t lock;
+  unsigned long calls;
+};
+
 /* Counts the calls the library makes; runs on the library's loop thread. */
 static void tick(KaloContext *context, void *user_data) {
+  struct call_count *count = user_data;
   (void)context;
-  ++*(volatile unsigned long *)user_data;
+  pthread_mutex_lock(&count->lock);
+  ++count->calls;
+  pthread_mutex_unlock(&count->lock);
+}
+
+static unsigned long calls_so_far(struct call_count *count) {
+  unsigned long calls;
+  pthread_mutex_lock(&count->lock);
+  calls = count->calls;
+  pthread_mutex_unlock(&count->lock);
+  return calls;
 }
 
 /* The error, with what the library had to say beyond its code. */
@@ -38,7 +57,8 @@ static void report_failure(KaloContext *context, const char *what) {
 int main(int argc, char **argv) {
   const char *url = argc > 1 ? argv[1] : "udpxdr://127.0.0.1#5000";
   int32_t api_major = 0, api_minor = 0, major = 0, minor = 0;
-  volatile unsigned long calls = 0;
+  struct call_count count;
+  unsigned long calls;
   float period = 0.001f;
   struct timespec pause = {0, 250000000L};
   struct sigaction on_ctrl_c;
@@ -46,6 +66,8 @@ int main(int argc, char **argv) {
   KaloContext *arm;
   int i;
 
+  pthread_mutex_init(&count.lock, NULL);
+  count.calls = 0;
   /* Ctrl-C ends the wait early; the handler only sets a flag. The library's
    * threads inherit the signal mask of the thread that starts them: with the
    * signal blocked until the loop runs, only this thread ever takes it. */
@@ -70,7 +92,7 @@ int main(int argc, char **argv) {
   else
     report_failure(arm, "kaloGetControlerVersion");
 
-  if (kaloSetPeriodicFunction(arm, tick, &period, (void *)&calls) != 0 || kaloStartLoop(arm) != 0) {
+  if (kaloSetPeriodicFunction(arm, tick, &period, &count) != 0 || kaloStartLoop(arm) != 0) {
     report_failure(arm, "starting the periodic loop");
     kaloClose(arm);
     return 1;
@@ -79,7 +101,7 @@ int main(int argc, char **argv) {
   pthread_sigmask(SIG_UNBLOCK, &stop_signals, NULL);
   for (i = 1; i <= 8 && !interrupted; ++i) {
     nanosleep(&pause, NULL);
-    printf("\rt = %4.2f s   periodic calls = %6lu", 0.25 * i, (unsigned long)calls);
+    printf("\rt = %4.2f s   periodic calls = %6lu", 0.25 * i, calls_so_far(&count));
     fflush(stdout);
   }
   printf("\n");
@@ -88,6 +110,8 @@ int main(int argc, char **argv) {
     report_failure(NULL, "kaloClose");
     return 1;
   }
-  printf("closed: %lu periodic calls in %.2f s\n", (unsigned long)calls, 0.25 * (i - 1));
+  calls = calls_so_far(&count);
+  pthread_mutex_destroy(&count.lock);
+  printf("closed: %lu periodic calls in %.2f s\n", calls, 0.25 * (i - 1));
   return calls > 0 ? 0 : 1;
 }
